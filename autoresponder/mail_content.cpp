@@ -1,0 +1,1 @@
+#include "mail_content.h"

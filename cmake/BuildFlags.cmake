@@ -1,0 +1,28 @@
+# qrx_build_flags: what every target of this project is compiled and linked with.
+add_library(qrx_build_flags INTERFACE)
+target_include_directories(qrx_build_flags INTERFACE "${PROJECT_SOURCE_DIR}")
+target_compile_options(qrx_build_flags INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion
+    $<$<BOOL:${QRX_WERROR}>:-Werror>)
+
+if(QRX_SANITIZE)
+    set(sanitizers -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    target_compile_options(qrx_build_flags INTERFACE ${sanitizers})
+    target_link_options(qrx_build_flags INTERFACE ${sanitizers})
+elseif(CMAKE_BUILD_TYPE STREQUAL "Release")
+    # Fortification needs optimisation and does not mix with the sanitizers.
+    target_compile_options(qrx_build_flags INTERFACE
+        -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -fstack-protector-strong)
+    target_link_options(qrx_build_flags INTERFACE -Wl,-z,relro,-z,now)
+endif()
+
+if(QRX_COVERAGE)
+    target_compile_options(qrx_build_flags INTERFACE --coverage)
+    target_link_options(qrx_build_flags INTERFACE --coverage)
+endif()
+
+# One static library with this project's flags.
+function(qrx_add_library name)
+    add_library(${name} STATIC ${ARGN})
+    target_link_libraries(${name} PUBLIC $<BUILD_INTERFACE:qrx_build_flags>)
+endfunction()

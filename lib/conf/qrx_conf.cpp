@@ -1,0 +1,1 @@
+#include "qrx_conf.h"

@@ -1,0 +1,1 @@
+#include "quarx_db.h"

@@ -1,0 +1,1 @@
+#include "mimelib.h"

@@ -1,0 +1,1 @@
+#include "fork_exec.h"
