@@ -1,7 +1,9 @@
 #include "lib/conf/qrx_conf.h"
 
+#include "lib/util/errno_keeper.h"
+#include "lib/util/input_file.h"
+#include "lib/util/malloced.h"
 #include "lib/util/messlog.h"
-#include "lib/util/owners.h"
 
 #include <algorithm>
 #include <cctype>
@@ -28,7 +30,7 @@ int cmp_conf(const void* left, const void* right) {
 }
 
 // `format` takes the text of the error.
-int fail_without_memory(const char* format) {
+[[gnu::format(printf, 1, 0)]] int fail_without_memory(const char* format) {
     quarx_log(kReportLevel, format, strerror(ENOMEM));
     errno = ENOMEM;
     return -1;
@@ -93,7 +95,7 @@ struct LineBuffer {
     LineBuffer() = default;
     LineBuffer(const LineBuffer&) = delete;
     LineBuffer& operator=(const LineBuffer&) = delete;
-    ~LineBuffer() { FreeMemory{}(text); }
+    ~LineBuffer() { FreeMalloced{}(text); }
 };
 
 unsigned grown_capacity(const conf_store& store) {
@@ -134,8 +136,8 @@ int conf_read_file_r(const char* path, conf_store* store) {
 int conf_set_r(const char* name, const char* value, conf_store* store) {
     if (conf_init_r(store) != 0)
         return -1;
-    OwnedText name_copy{strdup(name)};
-    OwnedText value_copy{strdup(value)};
+    MallocedText name_copy{strdup(name)};
+    MallocedText value_copy{strdup(value)};
     if (name_copy == nullptr || value_copy == nullptr)
         return fail_without_memory("Unable to form configuration: %s");
 

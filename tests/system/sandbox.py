@@ -208,7 +208,7 @@ def _make_private_folders(root):
     (root / "var/tmp").mkdir(mode=0o1777)
     spool = root / SPOOL.lstrip("/")
     spool.mkdir()
-    spool.chmod(0o1777)  # a test may run the program, and so the recorder, as another user
+    spool.chmod(0o777)  # a test may run the program, and so the recorder, as another user
 
 
 def _show_programs(root, programs):

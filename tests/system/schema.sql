@@ -1,5 +1,6 @@
 -- The panel's tables as far as the autoresponder reads and writes them, with the keys a panel has.
--- Columns that the autoresponder has a default for may be NULL.
+-- Columns that the autoresponder has a default for may be NULL. Each table counts its ids from another
+-- number, so that no test takes the id of one for that of another unnoticed.
 CREATE DATABASE qrx DEFAULT CHARACTER SET utf8mb3;
 USE qrx;
 
@@ -9,7 +10,7 @@ CREATE TABLE clients (
   pname varchar(255) DEFAULT NULL,
   email varchar(255) DEFAULT NULL,
   PRIMARY KEY (id)
-) ENGINE=InnoDB;
+) ENGINE=InnoDB AUTO_INCREMENT=1001;
 
 CREATE TABLE domains (
   id int unsigned NOT NULL AUTO_INCREMENT,
@@ -18,7 +19,7 @@ CREATE TABLE domains (
   PRIMARY KEY (id),
   UNIQUE KEY name (name),
   KEY cl_id (cl_id)
-) ENGINE=InnoDB;
+) ENGINE=InnoDB AUTO_INCREMENT=2001;
 
 CREATE TABLE domainaliases (
   id int unsigned NOT NULL AUTO_INCREMENT,
@@ -28,7 +29,7 @@ CREATE TABLE domainaliases (
   PRIMARY KEY (id),
   UNIQUE KEY name (name),
   KEY dom_id (dom_id)
-) ENGINE=InnoDB;
+) ENGINE=InnoDB AUTO_INCREMENT=3001;
 
 CREATE TABLE mail (
   id int unsigned NOT NULL AUTO_INCREMENT,
@@ -36,7 +37,7 @@ CREATE TABLE mail (
   dom_id int unsigned NOT NULL,
   PRIMARY KEY (id),
   UNIQUE KEY dom_id (dom_id, mail_name)
-) ENGINE=InnoDB;
+) ENGINE=InnoDB AUTO_INCREMENT=4001;
 
 CREATE TABLE mail_aliases (
   id int unsigned NOT NULL AUTO_INCREMENT,
@@ -44,7 +45,7 @@ CREATE TABLE mail_aliases (
   alias varchar(245) NOT NULL,
   PRIMARY KEY (id),
   UNIQUE KEY mn_id (mn_id, alias)
-) ENGINE=InnoDB;
+) ENGINE=InnoDB AUTO_INCREMENT=5001;
 
 CREATE TABLE mail_resp (
   id int unsigned NOT NULL AUTO_INCREMENT,
@@ -61,7 +62,7 @@ CREATE TABLE mail_resp (
   content_type varchar(255) DEFAULT NULL,
   PRIMARY KEY (id),
   KEY mn_id (mn_id)
-) ENGINE=InnoDB;
+) ENGINE=InnoDB AUTO_INCREMENT=6001;
 
 CREATE TABLE resp_forward (
   id int unsigned NOT NULL AUTO_INCREMENT,
@@ -69,7 +70,7 @@ CREATE TABLE resp_forward (
   address varchar(255) DEFAULT NULL,
   PRIMARY KEY (id),
   KEY rn_id (rn_id)
-) ENGINE=InnoDB;
+) ENGINE=InnoDB AUTO_INCREMENT=7001;
 
 CREATE TABLE resp_attach (
   id int unsigned NOT NULL AUTO_INCREMENT,
@@ -77,7 +78,7 @@ CREATE TABLE resp_attach (
   filename varchar(255) DEFAULT NULL,
   PRIMARY KEY (id),
   KEY rn_id (rn_id)
-) ENGINE=InnoDB;
+) ENGINE=InnoDB AUTO_INCREMENT=8001;
 
 -- Two runs at the same moment may both insert a sender's first row, so the pair isn't unique.
 CREATE TABLE resp_freq (
@@ -89,7 +90,7 @@ CREATE TABLE resp_freq (
   PRIMARY KEY (id),
   KEY sender (rn_id, email),
   KEY age (rn_id, time_resp)
-) ENGINE=InnoDB;
+) ENGINE=InnoDB AUTO_INCREMENT=9001;
 
 CREATE TABLE misc (
   param varchar(255) NOT NULL,
