@@ -1,9 +1,8 @@
 #include "lib/db/quarx_db.h"
 
 #include "lib/db/mysql_handles.h"
-#include "lib/util/input_file.h"
-#include "lib/util/malloced.h"
 #include "lib/util/messlog.h"
+#include "lib/util/owners.h"
 #include "lib/util/safe.h"
 
 #include <cerrno>
@@ -82,7 +81,7 @@ private:
 };
 
 // `failure` takes the parameter's name and the server's error.
-int execute(MYSQL* connection, const MallocedText& statement, const char* failure,
+int execute(MYSQL* connection, const OwnedText& statement, const char* failure,
             const char* name) {
     if (mysql_real_query(connection, statement.get(), strlen(statement.get())) == 0)
         return 0;
@@ -212,8 +211,8 @@ int put_param(const char* name, const char* value, MYSQL* conn) {
         messlog2(0, 1, "Unable to connect to mysql database");
         return -1;
     }
-    const MallocedText escaped{escape_mysql_param(session.get(), value)};
-    const MallocedText statement{
+    const OwnedText escaped{escape_mysql_param(session.get(), value)};
+    const OwnedText statement{
         escaped != nullptr ? asprintf_safe("replace into misc (param, val) values('%s', '%s')",
                                            name, escaped.get())
                            : asprintf_safe("replace into misc (param) values('%s')", name)};
@@ -224,7 +223,7 @@ int del_param(const char* name, MYSQL* conn) {
     const Session session = session_of_deleter(conn);
     if (!session)
         return -1;
-    const MallocedText statement{asprintf_safe("delete from misc where param='%s'", name)};
+    const OwnedText statement{asprintf_safe("delete from misc where param='%s'", name)};
     return execute(session.get(), statement, "Unable to delete parameter %s from misc: %s", name);
 }
 
@@ -232,7 +231,7 @@ int del_dom_param(const char* domainId, const char* name, MYSQL* conn) {
     const Session session = session_of_deleter(conn);
     if (!session)
         return -1;
-    const MallocedText statement{
+    const OwnedText statement{
         asprintf_safe("delete from dom_param where dom_id='%s' and param='%s'", domainId, name)};
     return execute(session.get(), statement, "Unable to delete parameter %s from dom_param: %s",
                    name);
@@ -242,8 +241,8 @@ int del_Parameter(const char* id, const char* name, const char* value, MYSQL* co
     const Session session = session_of_deleter(conn);
     if (!session)
         return -1;
-    const MallocedText escaped{escape_mysql_param(session.get(), value)};
-    const MallocedText statement{
+    const OwnedText escaped{escape_mysql_param(session.get(), value)};
+    const OwnedText statement{
         escaped != nullptr
             ? asprintf_safe(
                   "delete from Parameters where id='%s' and parameter='%s' and value='%s'", id,
