@@ -100,8 +100,10 @@ class Running:
 
     def kill_all(self):
         """Ends the program and every process that came since it was started."""
-        for pid in process_ids() - self._others:
-            _kill(pid)
+        while left := process_ids() - self._others:
+            for pid in left:
+                _kill(pid)
+            time.sleep(0.001)
         self.process.wait()
 
     def _stream(self, given, name, content=b""):
@@ -206,7 +208,8 @@ def _as_user(user):
 
 
 def _limited(rlimits):
-    return ["prlimit", *(f"--{name}={limit}" for name, limit in rlimits.items())] if rlimits else []
+    """Soft limits, so that the recorder can lift them for itself."""
+    return ["prlimit", *(f"--{name}={limit}:" for name, limit in rlimits.items())] if rlimits else []
 
 
 def _named(argv0):
