@@ -226,7 +226,7 @@ def _show_programs(root, programs):
         if os.path.isfile(host):
             place = root / inside.lstrip("/")
             place.touch()
-            linux.bind(host, place)
+            _show_read_only(host, place)
 
 
 def _show_checkout(root):
