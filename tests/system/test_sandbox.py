@@ -97,7 +97,7 @@ class Sandbox(SystemTest):
         result = shell("ls -A /tmp /etc/qrx /var/qmail/control /var/qmail/mailnames; cat /etc/qrx/.qrx.shadow;"
                        " test -x /usr/sbin/sendmail && echo executable")
         self.assertEqual(result.stdout.split("\n"), [
-            "/etc/qrx:", ".qrx.shadow", "", "/tmp:", "", "/var/qmail/control:", "",
+            "/etc/qrx:", ".qrx.shadow", "", "/tmp:", *sorted(program_run.OF_THE_SANDBOX), "", "/var/qmail/control:", "",
             "/var/qmail/mailnames:", "sandbox-admin", "executable", ""])
 
     def test_the_server_has_its_tables_and_they_are_empty(self):
