@@ -21,7 +21,9 @@ MESSAGE = (b"From: Sam Sender <sam@sender.example>\n"
            b"Date: Mon, 02 Jun 2025 10:00:00 +0200\n"
            b"\n"
            b"When are you open?\n")
-SANITIZED = os.environ.get("QRX_SANITIZED", "0") not in ("", "0", "OFF")
+# How the program was built: ctest says so; by hand the preset does.
+SANITIZED = os.environ.get("QRX_PRESET") == "asan" or os.environ.get("QRX_SANITIZED") == "1"
+COVERAGE = os.environ.get("QRX_PRESET") == "coverage" or os.environ.get("QRX_COVERAGE") == "1"
 # What /tmp shows from the start: the way to a checkout that lies below it.
 _TMP = pathlib.Path("/tmp")
 OF_THE_SANDBOX = frozenset(os.listdir(_TMP))
@@ -199,6 +201,8 @@ def _environment(recipient, extra, strace):
                  # Leaks can't be looked for under ptrace(2), which LeakSanitizer uses itself.
                  "ASAN_OPTIONS": f"detect_leaks={int(strace is None)}" if SANITIZED else None,
                  "UBSAN_OPTIONS": "print_stacktrace=1" if SANITIZED else None,
+                 # Where counters can't be written, that is no message of the program.
+                 "GCOV_ERROR_FILE": "/dev/null" if COVERAGE else None,
                  **(extra or {})}
     return {name: value for name, value in variables.items() if value is not None}
 
