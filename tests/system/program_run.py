@@ -77,7 +77,7 @@ class Running:
         self._started = time.monotonic()
         self.process = subprocess.Popen(
             command, stdin=streams[0], stdout=streams[1], stderr=streams[2], cwd=cwd,
-            env=_environment(recipient, env, strace), preexec_fn=self._close_streams)
+            env=_environment(recipient, env, strace, user), preexec_fn=self._close_streams)
         if chunks is not None:
             threading.Thread(target=_feed, args=(self.process.stdin, chunks), daemon=True).start()
         for stream in streams:
@@ -195,14 +195,14 @@ class SmallTmp:
         linux.unmount(_TMP)
 
 
-def _environment(recipient, extra, strace):
+def _environment(recipient, extra, strace, user):
     variables = {"PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
                  "RESP_RECIPIENT": recipient,
                  # Leaks can't be looked for under ptrace(2), which LeakSanitizer uses itself.
                  "ASAN_OPTIONS": f"detect_leaks={int(strace is None)}" if SANITIZED else None,
                  "UBSAN_OPTIONS": "print_stacktrace=1" if SANITIZED else None,
-                 # Where counters can't be written, that is no message of the program.
-                 "GCOV_ERROR_FILE": "/dev/null" if COVERAGE else None,
+                 # Another user can't write the counters beside the objects, and would say so.
+                 "GCOV_PREFIX": f"{sandbox.SPOOL}/.counters" if COVERAGE and user is not None else None,
                  **(extra or {})}
     return {name: value for name, value in variables.items() if value is not None}
 

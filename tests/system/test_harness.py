@@ -176,8 +176,7 @@ class Run(SystemTest):
 
     def test_the_environment_is_the_given_one_only(self):
         result = self.shell("echo $RESP_RECIPIENT; env | cut -d= -f1 | sort | tr '\\n' ' '", recipient="a@b",
-                            env={"EXTRA": "1", "ASAN_OPTIONS": None, "UBSAN_OPTIONS": None,
-                                 "GCOV_ERROR_FILE": None})
+                            env={"EXTRA": "1", "ASAN_OPTIONS": None, "UBSAN_OPTIONS": None})
         self.assertEqual(result.stdout, b"a@b\nEXTRA PATH PWD RESP_RECIPIENT ")
 
     def test_no_recipient(self):
