@@ -3,7 +3,7 @@
 #include "autoresponder/mail_content.h"
 #include "autoresponder/panel_query.h"
 #include "lib/db/quarx_db.h"
-#include "lib/util/malloced.h"
+#include "lib/util/owners.h"
 
 #include <cstdlib>
 #include <optional>
@@ -52,7 +52,7 @@ void insert_first(const Counter& counter) {
 }
 
 std::string escaped_sender(MYSQL* connection, const std::string& sender) {
-    const MallocedText escaped(escape_mysql_param(connection, sender.c_str()));
+    const OwnedText escaped(escape_mysql_param(connection, sender.c_str()));
     return escaped.get();
 }
 

@@ -14,8 +14,8 @@
 #include "autoresponder/response_file.h"
 #include "lib/db/quarx_db.h"
 #include "lib/text/idn.h"
-#include "lib/util/malloced.h"
 #include "lib/util/messlog.h"
+#include "lib/util/owners.h"
 
 #include <cstdlib>
 #include <new>
@@ -33,8 +33,8 @@ struct Run {
 };
 
 // Room for `text` escaped for SQL. No room ends the run.
-MallocedText escape_buffer(const std::string& text) {
-    MallocedText buffer(static_cast<char*>(std::malloc(text.size() * 2 + 1)));
+OwnedText escape_buffer(const std::string& text) {
+    OwnedText buffer(static_cast<char*>(std::malloc(text.size() * 2 + 1)));
     if (!buffer)
         report_and_exit("autoresponder: Unable to alloc memory");
     return buffer;
@@ -86,8 +86,8 @@ void handle_or_end_run(const Run& run, MYSQL_ROW row) {
 int db_mail_act(Mail_content* content) {
     // mysql_escape_string() reads what only the client library's start sets up.
     mysql_server_init(0, nullptr, nullptr);
-    const MallocedText domain = escape_buffer(content->domain);
-    const MallocedText mailname = escape_buffer(content->mailname);
+    const OwnedText domain = escape_buffer(content->domain);
+    const OwnedText mailname = escape_buffer(content->mailname);
     escape_into(domain.get(), content->domain);
     escape_into(mailname.get(), content->mailname);
 

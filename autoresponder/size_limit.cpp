@@ -1,20 +1,16 @@
 #include "autoresponder/size_limit.h"
 
 #include "autoresponder/paths.h"
+#include "lib/util/owners.h"
 
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 
 namespace {
 
-struct CloseFile {
-    void operator()(FILE* file) const { std::fclose(file); }
-};
-
 // 0 stands for no limit.
 int read_limit() {
-    const std::unique_ptr<FILE, CloseFile> file(std::fopen(paths::kDatabytes, "re"));
+    const InputFile file(std::fopen(paths::kDatabytes, "re"));
     char word[256];
     if (!file || std::fscanf(file.get(), "%255s", word) != 1)
         return 0;

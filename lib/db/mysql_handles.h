@@ -1,16 +1,25 @@
-// Owners of the database client's handles: each handle is released exactly once, on every path.
+// Owners of the database client's handles: each is released exactly once, on every path, and its
+// release leaves `errno` alone.
 #pragma once
+
+#include "lib/util/owners.h"
 
 #include <memory>
 #include <mysql.h>
 
-struct MysqlClose {
-    void operator()(MYSQL* connection) const { mysql_close(connection); }
+struct CloseConnection {
+    void operator()(MYSQL* connection) const {
+        const ErrnoKeeper keeper;
+        mysql_close(connection);
+    }
 };
 
-struct MysqlFreeResult {
-    void operator()(MYSQL_RES* result) const { mysql_free_result(result); }
+struct FreeResult {
+    void operator()(MYSQL_RES* result) const {
+        const ErrnoKeeper keeper;
+        mysql_free_result(result);
+    }
 };
 
-using MysqlConnection = std::unique_ptr<MYSQL, MysqlClose>;
-using MysqlResult = std::unique_ptr<MYSQL_RES, MysqlFreeResult>;
+using MysqlConnection = std::unique_ptr<MYSQL, CloseConnection>;
+using MysqlResult = std::unique_ptr<MYSQL_RES, FreeResult>;
