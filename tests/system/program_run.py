@@ -1,11 +1,14 @@
 """Starts the program under test and gathers everything that a run leaves to see."""
 
 import dataclasses
+import fcntl
 import os
 import pathlib
 import re
 import signal
+import struct
 import subprocess
+import termios
 import threading
 import time
 
@@ -79,7 +82,7 @@ class Running:
             command, stdin=streams[0], stdout=streams[1], stderr=streams[2], cwd=cwd,
             env=_environment(recipient, env, strace, user), preexec_fn=self._close_streams)
         if chunks is not None:
-            threading.Thread(target=_feed, args=(self.process.stdin, chunks), daemon=True).start()
+            threading.Thread(target=_feed, args=(self.process, chunks), daemon=True).start()
         for stream in streams:
             if hasattr(stream, "close") and stream not in (stdin, stdout, stderr):
                 stream.close()
@@ -220,13 +223,18 @@ def _named(argv0):
     return [] if argv0 is None else ["bash", "-c", 'exec -a "$0" "$@"', argv0]
 
 
-def _feed(pipe, chunks):
-    """Writes the chunks one by one, each long enough after the last to be read by itself."""
+def _feed(process, chunks):
+    """Writes the chunks one by one, each once the last has been read, so that each is read by itself."""
     try:
-        for chunk in chunks:
-            pipe.write(chunk)
-            pipe.flush()
-            time.sleep(0.02)
-        pipe.close()
+        with process.stdin as pipe:
+            for chunk in chunks:
+                pipe.write(chunk)
+                pipe.flush()
+                while _unread(pipe) and process.returncode is None:
+                    time.sleep(0.001)
     except BrokenPipeError:
-        pass
+        pass  # the program doesn't want more
+
+
+def _unread(pipe):
+    return struct.unpack("i", fcntl.ioctl(pipe, termios.FIONREAD, b"\0" * 4))[0]
