@@ -62,6 +62,7 @@ void exhaust_descriptors() {
 }
 
 std::string Leftovers::descriptors() {
+    const int error = errno;
     std::set<int> numbers;
     for (int fd = 0; fd < 1024; ++fd)
         if (fcntl(fd, F_GETFD) != -1)
@@ -69,6 +70,7 @@ std::string Leftovers::descriptors() {
     std::string list;
     for (const int fd : numbers)
         list += " " + std::to_string(fd);
+    errno = error;
     return list;
 }
 
