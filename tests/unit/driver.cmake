@@ -6,3 +6,13 @@ add_library(sandbox_test_support STATIC support/sandbox_test.cpp)
 target_link_libraries(sandbox_test_support PUBLIC autoresponder_core GTest::gtest)
 qrx_sandbox_unit_test(response_file_test sandbox_test_support)
 qrx_sandbox_unit_test(temporary_file_test sandbox_test_support)
+
+add_library(panel_test_support STATIC support/panel.cpp)
+target_link_libraries(panel_test_support PUBLIC sandbox_test_support)
+qrx_sandbox_unit_test(frequency_test panel_test_support)
+qrx_sandbox_unit_test(mailbox_test panel_test_support)
+
+add_library(spawned_test_support STATIC support/spawned.cpp)
+target_link_libraries(spawned_test_support PUBLIC qrx_build_flags)
+qrx_sandbox_unit_test(delivery_test spawned_test_support sandbox_test_support)
+qrx_sandbox_unit_test(forward_test spawned_test_support panel_test_support)
