@@ -136,7 +136,7 @@ class Identity(IntakeTest):
         for call in ("setuid", "setgid"):
             with self.subTest(call):
                 result = self.run_program(message=FROM + b"\n", strace=[
-                    "-e", f"trace={call}", "-e", f"inject={call}:error=EPERM"])
+                    "-e", f"trace={call}", "-e", "signal=none", "-e", f"inject={call}:error=EPERM"])
                 self.assertEqual(result.trace.splitlines(), [
                     f"{call}(0)                               = -1 EPERM (Operation not permitted) (INJECTED)"])
                 self.assert_answered(result)

@@ -2,7 +2,7 @@
 
 import base64
 
-from intake_case import FROM, SENDER, IntakeTest
+from intake_case import FROM, IntakeTest
 
 NOT_DECODED = b"Could not convert message subject text from US-ASCII to UTF-8.\n"
 
@@ -50,10 +50,13 @@ class Subject(IntakeTest):
             "B of two bytes": ("Subject: =?utf-8?B?QUI=?=\n", "AB", b""),
             "B without padding": ("Subject: =?utf-8?B?QUI?=\n", "AB", b""),
             "B behind its padding": ("Subject: =?utf-8?B?QQ==QUJD?=\n", "A", b""),
+            "B with carriage returns, which count as symbols": ("Subject: =?utf-8?B?QQ\r\r==?=\n", "A\0\0", b""),
+            "B with one behind a whole group": ("Subject: =?utf-8?B?QUJD\r?=\n", "ABC\0", b""),
             "any other encoding": ("Subject: =?utf-8?X?abc?=\n", "", b""),
             "no encoding": ("Subject: =?utf-8??abc?=\n", "", b""),
             "no data": ("Subject: =?utf-8?Q??=\n", "", b""),
             "latin-1": ("Subject: =?ISO-8859-1?Q?caf=E9?=\n", "caf\u00e9", b""),
+            "beyond the basic plane": (f"Subject: {b_word('😀')}\n", "😀", b""),
             "koi8-r": (f"Subject: {b_word('Привет', 'koi8-r')}\n", "Привет", b""),
             "gb2312": (f"Subject: {b_word('你好', 'gb2312')}\n", "你好", b""),
             "iso-2022-jp": (f"Subject: {b_word('日本', 'iso-2022-jp')}\n", "日本", b""),
@@ -85,6 +88,8 @@ class Subject(IntakeTest):
             "before what only begins like a word": (
                 "Subject: =?utf-8?Q?a?= =?x\n", "a=?x", b"wrong rfc1522 sequence (no charset): =?x\n"),
             "behind what only ends like a word": ("Subject: x?= =?utf-8?Q?a?=\n", "x?=a", b""),
+            "behind a text of two characters": ("Subject: ?= =?utf-8?Q?a?=\n", "?=a", b""),
+            "before a single equals sign": ("Subject: =?utf-8?Q?a?= =\n", "a =", b""),
             "a word inside text": ("Subject: x=?utf-8?Q?a?=\n", "x=?utf-8?Q?a?=", b""),
         })
 
@@ -95,6 +100,7 @@ class Subject(IntakeTest):
             "nothing": ("Subject: x =? y\n", "x =? y", wrong + b"(no charset): =?\n"),
             "no encoding": ("Subject: =?utf-8?Q\n", "=?utf-8?Q", wrong + b"(no encoding): =?utf-8?Q\n"),
             "no data": ("Subject: =?utf-8?Q?abc?\n", "=?utf-8?Q?abc?", wrong + b"(no data): =?utf-8?Q?abc?\n"),
+            "no end of its own": ("Subject: =?utf-8?Q?=\n", "=?utf-8?Q?=", wrong + b"(no data): =?utf-8?Q?=\n"),
             "blank in the data": (
                 "Subject: =?utf-8?Q?a b?=\n", "=?utf-8?Q?a b?=", wrong + b"(no data): =?utf-8?Q?a\n"),
             "trailing text": (
@@ -108,6 +114,7 @@ class Subject(IntakeTest):
             "one bad digit at the end": (
                 "Subject: =?utf-8?Q?a=G?=\n", "a\0", b"Bad hex in quoted-printable string: G\n"),
             "bad base64": ("Subject: =?utf-8?B?Q!UJD?=\n", "ABC", b"Bad base64 symbol: !\n"),
+            "bad 8-bit base64": ("Subject: =?utf-8?B?QUJD\udce9?=\n", "ABC\0", b"Bad base64 symbol: \xe9\n"),
             "two in one subject": (
                 "Subject: =?a =?b\n", "=?a =?b",
                 wrong + b"(no charset): =?a\n" + wrong + b"(no charset): =?b\n"),
