@@ -4,6 +4,7 @@ import os
 import re
 import time
 
+from database import SqlError
 from harness import SystemTest
 
 NOT_CONNECTED = b"autoresponder: Unable to connect to the mysql database \n"
@@ -98,6 +99,12 @@ class DatabaseTest(SystemTest):
         self._limit_statements(count)
         return (f"User 'admin' has exceeded the 'max_queries_per_hour' resource"
                 f" (current value: {count})").encode()
+
+    def refusal_of(self, statement):
+        """What the server says to the statement, which it refuses."""
+        with self.assertRaises(SqlError) as refusal:
+            self.panel.sql(statement)
+        return str(refusal.exception).encode()
 
     def mail_texts(self, result):
         """The first body line of each mail sent, which names the responder where the test has it so."""
