@@ -1,9 +1,7 @@
 #include "lib/conf/qrx_conf.h"
 
-#include "lib/util/errno_keeper.h"
-#include "lib/util/input_file.h"
-#include "lib/util/malloced.h"
 #include "lib/util/messlog.h"
+#include "lib/util/owners.h"
 
 #include <algorithm>
 #include <cctype>
@@ -95,7 +93,7 @@ struct LineBuffer {
     LineBuffer() = default;
     LineBuffer(const LineBuffer&) = delete;
     LineBuffer& operator=(const LineBuffer&) = delete;
-    ~LineBuffer() { FreeMalloced{}(text); }
+    ~LineBuffer() { FreeMemory{}(text); }
 };
 
 unsigned grown_capacity(const conf_store& store) {
@@ -136,8 +134,8 @@ int conf_read_file_r(const char* path, conf_store* store) {
 int conf_set_r(const char* name, const char* value, conf_store* store) {
     if (conf_init_r(store) != 0)
         return -1;
-    MallocedText name_copy{strdup(name)};
-    MallocedText value_copy{strdup(value)};
+    OwnedText name_copy{strdup(name)};
+    OwnedText value_copy{strdup(value)};
     if (name_copy == nullptr || value_copy == nullptr)
         return fail_without_memory("Unable to form configuration: %s");
 

@@ -2,7 +2,7 @@
 // release leaves `errno` alone.
 #pragma once
 
-#include "lib/util/errno_keeper.h"
+#include "lib/util/owners.h"
 
 #include <memory>
 #include <mysql.h>

@@ -15,17 +15,24 @@ namespace quarx::child {
 
 namespace {
 
-// Moves a descriptor above the standard ones, where placing those can't overwrite it. False when
-// that fails; the descriptor then stays as it was.
+// Replaces a descriptor by one that placing the standard ones can't overwrite.
 bool move_above_standard(int* fd) {
     if (*fd > STDERR_FILENO)
         return true;
-    const int moved = fcntl(*fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-    if (moved == -1)
-        return false;
-    ::close(*fd);
-    *fd = moved;
-    return true;
+    const int moved = duplicate(*fd);
+    if (moved != -1) {
+        ::close(*fd);
+        *fd = moved;
+    }
+    return moved != -1;
+}
+
+// Copies at most `most` pointers of a list and a null pointer behind them.
+void copy_arguments(char** slots, size_t most, va_list args) {
+    size_t count = 0;
+    while (count < most && (slots[count] = va_arg(args, char*)))
+        ++count;
+    slots[count] = nullptr;
 }
 
 } // namespace
@@ -42,6 +49,10 @@ bool Pipe::open() {
     *read_end.address() = ends[0];
     *write_end.address() = ends[1];
     return move_above_standard(read_end.address()) && move_above_standard(write_end.address());
+}
+
+int duplicate(int fd) {
+    return fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
 }
 
 pid_t fork_child() {
@@ -87,13 +98,6 @@ void end_child(const char* format, ...) {
     _exit(-1);
 }
 
-void copy_arguments(char** slots, size_t most, va_list args) {
-    size_t count = 0;
-    while (count < most && (slots[count] = va_arg(args, char*)))
-        ++count;
-    slots[count] = nullptr;
-}
-
 Argument_vector collect_arguments(va_list args) {
     va_list counting;
     va_copy(counting, args);
@@ -106,6 +110,13 @@ Argument_vector collect_arguments(va_list args) {
     if (!vector)
         messlog2(1, 1, "malloc() failed: %s", std::strerror(errno));
     copy_arguments(vector.get(), count, args);
+    return vector;
+}
+
+Short_arguments short_arguments(const char* argument0, va_list args) {
+    Short_arguments vector;
+    vector[0] = const_cast<char*>(argument0);
+    copy_arguments(&vector[1], kMostArguments, args);
     return vector;
 }
 

@@ -3,6 +3,7 @@
 // What the functions of fork_exec.h share: starting and ending children, pipes to them, and the
 // one way of collecting an argument list. Internal to lib/util.
 
+#include <array>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdlib>
@@ -10,9 +11,6 @@
 #include <sys/types.h>
 
 namespace quarx::child {
-
-// The most arguments that the functions with a fixed vector take, argument 0 not counted.
-constexpr size_t kMostArguments = 99;
 
 // An owned descriptor, -1 when there is none.
 class Descriptor {
@@ -40,6 +38,9 @@ struct Pipe {
     bool open();
 };
 
+// Another descriptor of the same file, close-on-exec and above the standard ones; -1 with errno.
+int duplicate(int fd);
+
 // fork(2) that gives the child the default disposition of SIGPIPE.
 pid_t fork_child();
 
@@ -66,11 +67,12 @@ struct Free {
 };
 using Argument_vector = std::unique_ptr<char*[], Free>;
 
-// Copies the pointers of a list, at most `most` of them, into slots and adds a null pointer.
-// args is used up.
-void copy_arguments(char** slots, size_t most, va_list args);
-
-// A whole list as a vector. Ends the process with status 1 without memory. args is used up.
+// A list, argument 0 first, as a vector. Ends the process with status 1 when there is no memory.
 Argument_vector collect_arguments(va_list args);
+
+// A vector of fixed size: argument 0 and at most kMostArguments of a list; the rest is left out.
+constexpr size_t kMostArguments = 99;
+using Short_arguments = std::array<char*, kMostArguments + 2>;
+Short_arguments short_arguments(const char* argument0, va_list args);
 
 } // namespace quarx::child

@@ -3,7 +3,6 @@
 #include "child_process.h"
 #include "messlog.h"
 
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -71,10 +70,9 @@ int close_fd(int* fd) {
 }
 
 int fork_execv(const char* path, ...) {
-    std::array<char*, kMostArguments + 2> argv{const_cast<char*>(path)};
     va_list args;
     va_start(args, path);
-    copy_arguments(&argv[1], kMostArguments, args);
+    const Short_arguments argv = short_arguments(path, args);
     va_end(args);
 
     const pid_t pid = fork_child();

@@ -24,7 +24,7 @@ MESSAGE = (b"From: Sam Sender <sam@sender.example>\n"
 SANITIZED = os.environ.get("QRX_SANITIZED", "0") not in ("", "0", "OFF")
 # What /tmp shows from the start: the way to a checkout that lies below it.
 _TMP = pathlib.Path("/tmp")
-_OF_THE_SANDBOX = frozenset(os.listdir(_TMP))
+OF_THE_SANDBOX = frozenset(os.listdir(_TMP))
 _RUNS = pathlib.Path("/sandbox/runs")
 
 
@@ -100,8 +100,10 @@ class Running:
 
     def kill_all(self):
         """Ends the program and every process that came since it was started."""
-        for pid in process_ids() - self._others:
-            _kill(pid)
+        while left := process_ids() - self._others:
+            for pid in left:
+                _kill(pid)
+            time.sleep(0.001)
         self.process.wait()
 
     def _stream(self, given, name, content=b""):
@@ -162,7 +164,7 @@ def temporary_files():
     """All that lies in /tmp, by name; a folder or the like has no content."""
     found = []
     for path in sorted(_TMP.iterdir()):
-        if path.name not in _OF_THE_SANDBOX:
+        if path.name not in OF_THE_SANDBOX:
             name = re.sub(r"^(qrx-[a-z-]+-)[A-Za-z0-9]{6}$", r"\1XXXXXX", path.name)
             content = path.read_bytes() if path.is_file() and not path.is_symlink() else b""
             found.append(TemporaryFile(name, str(path), content, path.lstat().st_mode & 0o7777))
@@ -206,7 +208,8 @@ def _as_user(user):
 
 
 def _limited(rlimits):
-    return ["prlimit", *(f"--{name}={limit}" for name, limit in rlimits.items())] if rlimits else []
+    """Soft limits, so that the recorder can lift them for itself."""
+    return ["prlimit", *(f"--{name}={limit}:" for name, limit in rlimits.items())] if rlimits else []
 
 
 def _named(argv0):

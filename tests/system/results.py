@@ -1,11 +1,11 @@
-"""Runs unittest cases and reports them as GoogleTest does: on failure in full, and as JSON where asked for."""
+"""Runs unittest cases and reports them as GoogleTest does: on failure in full, and as XML where asked for."""
 
-import json
 import os
 import pathlib
 import time
 import traceback
 import unittest
+import xml.etree.ElementTree
 
 
 class _Collector(unittest.TestResult):
@@ -55,35 +55,35 @@ class _Collector(unittest.TestResult):
 
 
 def run(name, suite):
-    """Runs the suite and returns the exit status: 0 when at least one case was run and none failed."""
+    """Runs the suite and returns the exit status: 1 when a case failed, else 0."""
     collector = _Collector()
     suite.run(collector)
     records = collector.records
     failed = sum(bool(record["failures"]) for record in records.values())
     skipped = sum(record["skipped"] is not None for record in records.values())
     print(f"{name}: {len(records) - failed - skipped} passed, {failed} failed, {skipped} skipped")
-    _write_json(name, records)
-    if not records:
-        print(f"{name}: no such case")
-    return 0 if records and not failed else 1
-
-
-def _write_json(name, records):
     output = os.environ.get("GTEST_OUTPUT", "")
-    if not output.startswith("json:"):
-        return
-    folder = pathlib.Path(output.removeprefix("json:"))
+    if output.startswith("xml:"):
+        _write_xml(pathlib.Path(output.removeprefix("xml:")), name, records)
+    return 1 if failed else 0
+
+
+def _write_xml(folder, name, records):
+    root = xml.etree.ElementTree.Element("testsuites", tests=str(len(records)), name=name)
+    suite = xml.etree.ElementTree.SubElement(root, "testsuite", name=name)
+    for case, record in records.items():
+        shown = xml.etree.ElementTree.SubElement(
+            suite, "testcase", name=case.partition(".")[2], status="run", time=f"{record['seconds']:.3f}",
+            result="completed" if record["skipped"] is None else "skipped")
+        for text in record["failures"]:
+            xml.etree.ElementTree.SubElement(shown, "failure", message=_printable(text))
+        if record["skipped"] is not None:
+            xml.etree.ElementTree.SubElement(shown, "skipped", message=_printable(record["skipped"]))
     folder.mkdir(parents=True, exist_ok=True)
-    cases = [_as_googletest(case, record) for case, record in records.items()]
-    document = {"tests": len(cases), "name": name, "testsuites": [{"name": name, "testsuite": cases}]}
-    (folder / f"{name}.json").write_text(json.dumps(document, indent=1))
+    xml.etree.ElementTree.ElementTree(root).write(folder / f"{name}.xml", encoding="utf-8",
+                                                  xml_declaration=True)
 
 
-def _as_googletest(case, record):
-    shown = {"name": case, "status": "RUN", "time": f"{record['seconds']:.3f}s",
-             "result": "COMPLETED" if record["skipped"] is None else "SKIPPED"}
-    if record["failures"]:
-        shown["failures"] = [{"failure": text} for text in record["failures"]]
-    if record["skipped"] is not None:
-        shown["skipped"] = [{"message": record["skipped"]}]
-    return shown
+def _printable(text):
+    """Without the control characters and lone surrogates that XML can't hold."""
+    return "".join(c if c.isprintable() or c == "\n" else ascii(c)[1:-1] for c in text)

@@ -13,6 +13,7 @@ Works as root and as an ordinary user (who is root inside, by a user namespace);
 import os
 import pathlib
 import resource
+import select
 import shutil
 import signal
 import subprocess
@@ -45,9 +46,11 @@ def run(command):
     """Runs the command, a list of strings, in a new sandbox and returns its exit status; 128 + N for signal N."""
     programs = _programs_under_test()
     _enter_namespaces()
+    lifeline, held_open = os.pipe()  # reads as ended once this process has ended
     child = os.fork()
     if child == 0:
-        _as_first_process(command, programs)
+        os.close(held_open)
+        _as_first_process(command, programs, lifeline)
     # A signal from the terminal reaches the command as well, and it decides what to make of it.
     signal.signal(signal.SIGINT, _ignore)
     signal.signal(signal.SIGQUIT, _ignore)
@@ -104,11 +107,14 @@ def _advice(error, uid):
     return f"the kernel refuses private namespaces ({error.strerror}); {remedy}"
 
 
-def _as_first_process(command, programs):
+def _as_first_process(command, programs, lifeline):
     """The first process of the process namespace: when it ends, the kernel kills all others."""
     status = 125
     try:
+        signal.signal(signal.SIGINT, signal.default_int_handler)
         linux.die_with_parent(signal.SIGKILL)
+        if select.select([lifeline], [], [], 0)[0]:
+            return  # the parent ended before it could be watched
         folder = os.getcwd()
         _build_root(programs)
         os.chdir(folder if os.path.isdir(folder) else "/")
@@ -181,7 +187,10 @@ def _show_read_only(host, inside):
 
 def _link_all(host, aside, inside, leave_out):
     """Fills the folder inside with links to the entries of the host's folder, which is shown aside."""
-    (aside).mkdir()
+    nested = f"/sandbox/{aside.name}"
+    if os.path.isdir(nested):
+        host = nested  # where this host is a sandbox, its folder is such links itself
+    aside.mkdir()
     _show_read_only(host, aside)
     for name in os.listdir(host):
         if name not in leave_out:
@@ -217,7 +226,7 @@ def _show_programs(root, programs):
         if os.path.isfile(host):
             place = root / inside.lstrip("/")
             place.touch()
-            linux.bind(host, place)
+            _show_read_only(host, place)
 
 
 def _show_checkout(root):

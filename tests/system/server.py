@@ -121,7 +121,7 @@ def _template():
     key = hashlib.sha256("\n".join([schema, version, *_FILES]).encode()).hexdigest()[:16]
     place = _CACHE / f"data-{key}"
     _CACHE.mkdir(parents=True, exist_ok=True)
-    with open(_CACHE / "lock", "w") as lock:
+    with open(_CACHE / "lock", "a") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)  # of two sandboxes that start at once, one makes it
         if not place.is_dir():
             _make_template(place, schema)
