@@ -27,7 +27,7 @@ class Converter {
 public:
     // iconv_open(3) takes the target first.
     Converter(const std::string& to, const std::string& from)
-        : cd_(iconv_open(to.c_str(), from.c_str())) {}
+        : cd_(iconv_open(to.c_str(), from.c_str())), has_suffix_(to.find('/') != to.npos) {}
     Converter(const Converter&) = delete;
     Converter& operator=(const Converter&) = delete;
     ~Converter() {
@@ -38,6 +38,9 @@ public:
     }
 
     bool is_open() const { return cd_ != kNone; }
+
+    // Whether the target may be one of "...//IGNORE" or "...//TRANSLIT".
+    bool has_suffix() const { return has_suffix_; }
 
     // What iconv_close(3) returns; the descriptor is gone in either case.
     int close() {
@@ -58,7 +61,50 @@ private:
     inline static const iconv_t kNone = reinterpret_cast<iconv_t>(-1);
 
     iconv_t cd_;
+    bool has_suffix_;
 };
+
+// How much of the text one iconv call is shown. What iconv has read ahead of an invalid sequence or
+// of a full buffer it reads again in the next call, so a window is small enough to seldom fill the
+// buffer, and smaller still where the text is bad. With a suffix on the target the result depends
+// on how the text is cut up, so there each call is shown all that is left.
+constexpr size_t kWindow = 1024;
+constexpr size_t kWindowAfterInvalid = 16;
+
+// Appends `text`, recoded, to `result`. Returns 0, or the `errno` of the call that ended it.
+int recode(Converter& converter, const std::string& text, bool skip_invalid, std::string& result) {
+    std::array<char, 4096> buffer;
+    char* in = const_cast<char*>(text.data()); // iconv(3) reads it only
+    size_t in_left = text.size();
+    size_t window = kWindow;
+    while (in_left != 0) {
+        const size_t shown = converter.has_suffix() ? in_left : std::min(window, in_left);
+        size_t shown_left = shown;
+        char* out = buffer.data();
+        size_t out_left = buffer.size();
+        const int error = converter.convert(in, shown_left, out, out_left);
+        const bool moved = shown_left < shown;
+        in_left -= shown - shown_left;
+        result.append(buffer.data(), buffer.size() - out_left);
+
+        if (error == EILSEQ && skip_invalid) {
+            // Targets such as "...//IGNORE" report it with nothing left to step over.
+            if (in_left == 0)
+                break;
+            ++in;
+            --in_left;
+            result.push_back('?');
+            window = kWindowAfterInvalid;
+        } else if (error == EINVAL && shown_left < in_left) { // the window's end cut a sequence
+            window = moved ? kWindow : 2 * shown;
+        } else if ((error == 0 || error == E2BIG) && moved) {
+            window = std::min(2 * window, kWindow);
+        } else {
+            return error != 0 ? error : EINVAL; // a call that did not move never would
+        }
+    }
+    return 0;
+}
 
 } // namespace
 
@@ -70,25 +116,10 @@ std::string iconvRecode(const std::string& text, const std::string& from, const 
 
     std::string result;
     result.reserve(text.size());
-    std::array<char, 4096> buffer;
-    char* in = const_cast<char*>(text.data()); // iconv(3) reads it only
-    size_t in_left = text.size();
-    while (in_left != 0) {
-        const size_t in_before = in_left;
-        char* out = buffer.data();
-        size_t out_left = buffer.size();
-        const int error = converter.convert(in, in_left, out, out_left);
-        // A call that fills the buffer or succeeds without taking any input would do so for ever.
-        const bool goes_on = (error == 0 || error == E2BIG) && in_left < in_before;
-        if (!goes_on && !(error == EILSEQ && skipInvalid))
-            throw std::runtime_error("Conversion from " + from + " to " + to);
-        result.append(buffer.data(), buffer.size() - out_left);
-        // Targets such as "...//IGNORE" report EILSEQ with no input left: nothing to step over.
-        if (error == EILSEQ && in_left != 0) {
-            ++in;
-            --in_left;
-            result.push_back('?');
-        }
+    const int error = recode(converter, text, skipInvalid, result);
+    if (error != 0) {
+        errno = error;
+        throw std::runtime_error("Conversion from " + from + " to " + to);
     }
     // "utf-8" is part of the text, whatever the target was.
     if (converter.close() == -1)
