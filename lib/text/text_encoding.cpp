@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <stdexcept>
 #include <string_view>
@@ -14,20 +15,55 @@
 namespace quarx {
 namespace {
 
-// One line on standard error, in one write, so that lines of concurrent runs do not mix.
+// Lines about malformed input, written to standard error in the order they come and in large
+// pieces: a hostile text has millions of them.
+class Complaints {
+public:
+    Complaints() = default;
+    Complaints(const Complaints&) = delete;
+    Complaints& operator=(const Complaints&) = delete;
+    ~Complaints() { write(); }
+
+    void add(std::string_view what, std::string_view about) {
+        lines_.append(what).append(about).push_back('\n');
+        if (lines_.size() >= kLimit)
+            write();
+    }
+
+private:
+    static constexpr size_t kLimit = 16384;
+
+    void write() {
+        if (!lines_.empty())
+            std::cerr << lines_ << std::flush;
+        lines_.clear();
+    }
+
+    std::string lines_;
+};
+
 void complain(std::string_view what, std::string_view about) {
-    std::string line;
-    line.reserve(what.size() + about.size() + 1);
-    line.append(what).append(about).push_back('\n');
-    std::cerr << line << std::flush;
+    Complaints().add(what, about);
+}
+
+// iconv_open(3), which takes time that grows with the square of a name's suffixes
+// ("...//IGNORE,IGNORE,..."), for names of up to a length that no charset's comes near.
+iconv_t open_converter(const std::string& to, const std::string& from) {
+    constexpr size_t kLongestName = 256;
+    for (const std::string* name : {&to, &from}) {
+        if (strnlen(name->c_str(), kLongestName + 1) > kLongestName) {
+            errno = EINVAL;
+            return reinterpret_cast<iconv_t>(-1);
+        }
+    }
+    return iconv_open(to.c_str(), from.c_str());
 }
 
 // An iconv descriptor, closed on every path.
 class Converter {
 public:
-    // iconv_open(3) takes the target first.
     Converter(const std::string& to, const std::string& from)
-        : cd_(iconv_open(to.c_str(), from.c_str())), has_suffix_(to.find('/') != to.npos) {}
+        : cd_(open_converter(to, from)), has_suffix_(to.find('/') != to.npos) {}
     Converter(const Converter&) = delete;
     Converter& operator=(const Converter&) = delete;
     ~Converter() {
@@ -148,14 +184,14 @@ constexpr std::array<std::uint8_t, 256> kBase64Values = [] {
 
 // The value of the next symbol at `pos`, which moves behind it and behind all that is skipped
 // before it. At the end of the text and at "=" the value is 0 and `pos` stays there.
-unsigned base64Take(const std::string& text, size_t& pos) {
+unsigned base64Take(const std::string& text, size_t& pos, Complaints& complaints) {
     while (pos < text.size() && text[pos] != '=') {
         const char symbol = text[pos++];
         const unsigned value = kBase64Values[static_cast<unsigned char>(symbol)];
         if (value < kBlank)
             return value;
         if (value == kBad)
-            complain("Bad base64 symbol: ", std::string_view(&symbol, 1));
+            complaints.add("Bad base64 symbol: ", std::string_view(&symbol, 1));
     }
     return 0;
 }
@@ -165,13 +201,14 @@ unsigned base64Take(const std::string& text, size_t& pos) {
 std::string base64_decode(const std::string& text) {
     std::string result;
     result.reserve(text.size() / 4 * 3 + 3);
+    Complaints complaints;
     size_t pos = 0;
     while (true) {
         const size_t start = pos;
-        const unsigned s0 = base64Take(text, pos);
-        const unsigned s1 = base64Take(text, pos);
-        const unsigned s2 = base64Take(text, pos);
-        const unsigned s3 = base64Take(text, pos);
+        const unsigned s0 = base64Take(text, pos, complaints);
+        const unsigned s1 = base64Take(text, pos, complaints);
+        const unsigned s2 = base64Take(text, pos, complaints);
+        const unsigned s3 = base64Take(text, pos, complaints);
         const size_t consumed = pos - start;
         if (consumed == 0)
             return result;
@@ -188,25 +225,26 @@ namespace {
 
 // The byte that "=" and the up to two bytes `digits` behind it stand for. strtoul decides: a sign,
 // white space and "0x" are taken as it takes them, and what it can't read is the byte 0.
-char hex_byte(std::string_view digits) {
+char hex_byte(std::string_view digits, Complaints& complaints) {
     std::array<char, 3> buffer{};
     digits.copy(buffer.data(), 2);
     char* end = nullptr;
     const unsigned long value = std::strtoul(buffer.data(), &end, 16);
     if (end == buffer.data() && buffer[0] != '\0')
-        complain("Bad hex in quoted-printable string: ", buffer.data());
+        complaints.add("Bad hex in quoted-printable string: ", buffer.data());
     return static_cast<char>(value & 0xFF);
 }
 
 std::string qp_decode(std::string_view data) {
     std::string result;
     result.reserve(data.size());
+    Complaints complaints;
     for (size_t pos = 0; pos < data.size(); ++pos) {
         if (data[pos] == '_') {
             result.push_back(' ');
         } else if (data[pos] == '=') {
             const std::string_view digits = data.substr(pos + 1, 2);
-            result.push_back(hex_byte(digits));
+            result.push_back(hex_byte(digits, complaints));
             pos += digits.size();
         } else {
             result.push_back(data[pos]);
