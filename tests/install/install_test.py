@@ -2,7 +2,7 @@
 """Installs the library's files (component dev) into a scratch folder, as a package would, builds a
 small program against them with nothing but pkg-config, and runs it.
 
-Arguments: the build folder and the compiler.
+Arguments: the build folder, the compiler and its further options in one word.
 """
 
 import os
@@ -13,6 +13,9 @@ import tempfile
 import unittest
 
 HERE = pathlib.Path(__file__).resolve().parent
+sys.path.insert(0, str(HERE.parent / "system"))
+import results
+
 BUILD, COMPILER, FLAGS = sys.argv[1], sys.argv[2], sys.argv[3].split()
 
 PUBLIC_HEADERS = ["base64.h", "fork_exec.h", "idn.h", "messlog.h", "mimelib.h", "qrx_conf.h",
@@ -26,7 +29,8 @@ class InstalledLibrary(unittest.TestCase):
     def setUpClass(cls):
         folder = tempfile.TemporaryDirectory()
         cls.addClassCleanup(folder.cleanup)
-        cls.root = pathlib.Path(folder.name)
+        cls.scratch = pathlib.Path(folder.name)
+        cls.root = cls.scratch / "installed"
         subprocess.run(["cmake", "--install", BUILD, "--component", "dev", "--prefix", cls.root],
                        check=True, capture_output=True)
 
@@ -42,10 +46,10 @@ class InstalledLibrary(unittest.TestCase):
     def test_a_program_builds_against_them_by_pkg_config_and_runs(self):
         config = next(self.root.glob("lib/**/quarx.pc"))
         flags = subprocess.run(
-            ["pkg-config", f"--define-variable=prefix={self.root}", "--cflags", "--libs", "quarx"],
+            ["pkg-config", "--cflags", "--libs", "quarx"],
             env={**os.environ, "PKG_CONFIG_PATH": str(config.parent)},
             check=True, capture_output=True, text=True).stdout.split()
-        program = self.root / "consumer"
+        program = self.scratch / "consumer"
         subprocess.run([COMPILER, "-std=c++20", "-Wall", "-Wextra", "-Werror", *FLAGS,
                         HERE / "consumer.cpp", "-o", program, *flags], check=True)
         ran = subprocess.run([program], capture_output=True)
@@ -55,4 +59,4 @@ class InstalledLibrary(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    unittest.main(argv=sys.argv[:1])
+    sys.exit(results.run("library", unittest.defaultTestLoader.loadTestsFromTestCase(InstalledLibrary)))

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstddef>
+#include <dlfcn.h>
 #include <poll.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
@@ -26,7 +27,7 @@ struct Fault {
     int error;
     int times;
 };
-Fault faults[5];
+Fault faults[6];
 
 bool strikes(fault::Call call) {
     Fault& fault = faults[static_cast<size_t>(call)];
@@ -67,6 +68,11 @@ void* realloc(void* block, size_t size) noexcept {
     return strikes(Call::allocate) ? nullptr : __libc_realloc(block, size);
 }
 #endif
+
+pid_t fork() noexcept {
+    using Function = pid_t (*)();
+    return strikes(Call::fork) ? -1 : reinterpret_cast<Function>(dlsym(RTLD_NEXT, "fork"))();
+}
 
 ssize_t read(int fd, void* buf, size_t size) {
     return strikes(Call::read) ? -1 : syscall(SYS_read, fd, buf, size);
