@@ -18,7 +18,7 @@ ADMIN_PASSWORD = "sandbox-admin"
 SOCKET = "/run/mysqld/mysqld.sock"
 DATA = "/sandbox/data"
 LOG = "/sandbox/mariadbd.log"
-_PID_FILE = "/sandbox/mariadbd.pid"
+PID_FILE = "/sandbox/mariadbd.pid"
 _CHECKOUT = pathlib.Path(__file__).resolve().parents[2]
 _SERVER = "/usr/sbin/mariadbd"
 _PATIENCE_SECONDS = 60
@@ -57,7 +57,7 @@ def start(checkout=_CHECKOUT):
     with open(LOG, "ab") as log:
         process = subprocess.Popen(
             [_SERVER, "--no-defaults", "--user=root", f"--datadir={DATA}", f"--socket={SOCKET}",
-             f"--pid-file={_PID_FILE}", *_FILES, *_QUICK],
+             f"--pid-file={PID_FILE}", *_FILES, *_QUICK],
             stdin=subprocess.DEVNULL, stdout=log, stderr=log, start_new_session=True)
     deadline = time.monotonic() + _PATIENCE_SECONDS
     while not _answers():
@@ -77,7 +77,7 @@ def stop():
         if time.monotonic() > deadline:
             raise Failed("the database server doesn't stop:\n" + pathlib.Path(LOG).read_text())
         time.sleep(0.002)
-    for leftover in (_PID_FILE, SOCKET):
+    for leftover in (PID_FILE, SOCKET):
         pathlib.Path(leftover).unlink(missing_ok=True)
 
 
@@ -91,7 +91,7 @@ def restore():
 def process_id():
     """The server's process id, or None when it doesn't run."""
     try:
-        return int(pathlib.Path(_PID_FILE).read_text())
+        return int(pathlib.Path(PID_FILE).read_text())
     except FileNotFoundError:
         return None
 

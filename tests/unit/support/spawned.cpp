@@ -27,7 +27,7 @@ bool next_ends_early = false;
 bool next_closes_write_end = false;
 
 [[noreturn]] void be_child(int source, int target) {
-    // The write end of the child's own pipe is among the descriptors of the caller.
+    // Among the caller's descriptors is the write end of the child's own pipe.
     for (int fd = 3; fd < 1024; ++fd)
         if (fd != source && fd != target)
             close(fd);
@@ -70,8 +70,7 @@ int start(int fd_in, spawned::Call call) {
         _exit(0);
     if (pid == 0)
         be_child(fd_in, input);
-    if (std::exchange(next_ends_early, false))
-        // Only what the pipe holds back could be lost on the child; it is to be gone before that.
+    if (std::exchange(next_ends_early, false)) // gone, but not yet waited for, when this returns
         waitid(P_PID, static_cast<id_t>(pid), nullptr, WEXITED | WNOWAIT);
     if (std::exchange(next_closes_write_end, false))
         close_write_end(fd_in);

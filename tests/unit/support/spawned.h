@@ -26,7 +26,7 @@ void forget();
 // The next start fails: the result is negative and errno is `error`.
 void fail_next(int error);
 
-// The next child stops reading at once and ends.
+// The next child reads nothing and has ended when the start returns.
 void end_next_early();
 
 // The next start closes the write end of the pipe that it is given, in the caller.
