@@ -5,6 +5,7 @@ import fcntl
 import os
 import pathlib
 import re
+import shutil
 import signal
 import struct
 import subprocess
@@ -27,9 +28,7 @@ MESSAGE = (b"From: Sam Sender <sam@sender.example>\n"
 # How the program was built: ctest says so; by hand the preset does.
 SANITIZED = os.environ.get("QRX_PRESET") == "asan" or os.environ.get("QRX_SANITIZED") == "1"
 COVERAGE = os.environ.get("QRX_PRESET") == "coverage" or os.environ.get("QRX_COVERAGE") == "1"
-# What /tmp shows from the start: the way to a checkout that lies below it.
 _TMP = pathlib.Path("/tmp")
-OF_THE_SANDBOX = frozenset(os.listdir(_TMP))
 _RUNS = pathlib.Path("/sandbox/runs")
 
 
@@ -169,17 +168,16 @@ def temporary_files():
     """All that lies in /tmp, by name; a folder or the like has no content."""
     found = []
     for path in sorted(_TMP.iterdir()):
-        if path.name not in OF_THE_SANDBOX:
-            name = re.sub(r"^(qrx-[a-z-]+-)[A-Za-z0-9]{6}$", r"\1XXXXXX", path.name)
-            content = path.read_bytes() if path.is_file() and not path.is_symlink() else b""
-            found.append(TemporaryFile(name, str(path), content, path.lstat().st_mode & 0o7777))
+        name = re.sub(r"^(qrx-[a-z-]+-)[A-Za-z0-9]{6}$", r"\1XXXXXX", path.name)
+        content = path.read_bytes() if path.is_file() and not path.is_symlink() else b""
+        found.append(TemporaryFile(name, str(path), content, path.lstat().st_mode & 0o7777))
     return found
 
 
 def empty_tmp():
     for file in temporary_files():
         if os.path.isdir(file.path) and not os.path.islink(file.path):
-            subprocess.run(["rm", "-rf", "--one-file-system", file.path], check=True)
+            shutil.rmtree(file.path)
         else:
             os.unlink(file.path)
 

@@ -53,12 +53,16 @@ std::string take(char* text) {
 }
 
 void exhaust_descriptors() {
+    static rlimit before;
     const int lowest_free = dup(0);
     close(lowest_free);
-    const rlim_t limit = static_cast<rlim_t>(lowest_free);
-    const rlimit none{limit, limit};
+    if (getrlimit(RLIMIT_NOFILE, &before) == -1)
+        std::abort();
+    const rlimit none{static_cast<rlim_t>(lowest_free), before.rlim_max};
     if (setrlimit(RLIMIT_NOFILE, &none) == -1)
         std::abort();
+    // Exit handlers that were there before, such as a leak checker's, open files.
+    std::atexit([] { setrlimit(RLIMIT_NOFILE, &before); });
 }
 
 std::string Leftovers::descriptors() {

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <dlfcn.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -99,8 +100,14 @@ int close_range(unsigned first, unsigned last, int flags) noexcept {
 #if defined(QRX_COVERAGE)
 void __gcov_dump(void);
 
-// Children that end without exit(3) have counted too.
+// Children that end without exit(3) have counted too; writing that needs memory and descriptors.
 void _exit(int status) {
+    for (Fault& fault : faults)
+        fault = {};
+    rlimit limit;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
     __gcov_dump();
     syscall(SYS_exit_group, status);
     __builtin_unreachable();

@@ -281,6 +281,7 @@ std::string lay_over_libexec(const std::string& scratch, const std::string& prog
         "lowerdir=/usr/lib,upperdir=" + scratch + "/upper,workdir=" + scratch + "/work";
     if (mount("overlay", "/usr/lib", "overlay", 0, options.c_str()) == -1)
         return std::string("mount of an overlay: ") + std::strerror(errno);
+    errno = 0;
     return "";
 }
 
