@@ -1,5 +1,6 @@
 // Every vector of tests/parser/vectors.jsonl, one test a kind of input.
 #include "tests/parser/mimelib_record.h"
+#include "tests/parser/naive_parser.h"
 #include "tests/parser/vectors.h"
 
 #include <gtest/gtest.h>
@@ -36,6 +37,26 @@ TEST(MimeVectors, Messages) {
                            EXPECT_EQ(parse_with_mimelib(vector.input), vector.message);
                        }),
               1000u);
+}
+
+// The twin is only worth something where it follows the same rules.
+TEST(MimeVectors, NaiveTwin) {
+    EXPECT_GT(for_each("message",
+                       [](const Vector& vector) {
+                           EXPECT_EQ(parse_naively(vector.input), vector.message);
+                       }),
+              1000u);
+    EXPECT_GT(for_each("base64",
+                       [](const Vector& vector) {
+                           EXPECT_EQ(quoted(base64_naively(vector.input)), quoted(vector.decoded));
+                       }),
+              70u);
+    EXPECT_GT(for_each("quoted-printable",
+                       [](const Vector& vector) {
+                           EXPECT_EQ(quoted(quoted_printable_naively(vector.input)),
+                                     quoted(vector.decoded));
+                       }),
+              90u);
 }
 
 TEST(MimeVectors, Base64) {
