@@ -15,9 +15,9 @@ constexpr const char* kHost = "localhost"; // the client's name for the server's
 constexpr const char* kUser = "admin";
 constexpr const char* kDatabase = "qrx";
 
-// A server that accepts and never answers must not hold the process for ever. The wait for an
-// answer is longer than the server's own for a locked row (innodb_lock_wait_timeout, 50 s), so a
-// lock is reported as one.
+// A server that accepts and never answers must not hold the process for ever. The first bounds the
+// handshake too. The second is longer than the server's own wait for a locked row
+// (innodb_lock_wait_timeout, 50 s), so that a lock is reported as one.
 constexpr unsigned kConnectSeconds = 10;
 constexpr unsigned kAnswerSeconds = 60;
 

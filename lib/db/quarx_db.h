@@ -3,8 +3,8 @@
 // The server is the local one, reached by its Unix socket, as user "admin", database "qrx", with
 // the first line of /etc/qrx/.qrx.shadow (at most 99 bytes) as the password, which is read at every
 // connect. The client never connects again by itself and refuses a server that asks for a file.
-// A server that doesn't answer holds a call for the read time-out at most: the client library
-// applies it to the handshake also (MariaDB Connector/C, mysql_optionsv(3)).
+// A server that accepts and stays silent holds a connect for 10 seconds, and a statement for a
+// minute (MYSQL_OPT_CONNECT_TIMEOUT and MYSQL_OPT_READ_TIMEOUT in mysql_optionsv(3)).
 //
 // Nothing here throws. Only exhausted memory ends the process (status 1, by `messlog2`).
 #pragma once

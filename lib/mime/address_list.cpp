@@ -11,6 +11,8 @@ namespace {
 using mime::Token;
 using mime::TokenKind;
 
+const DwString kEmpty;
+
 // Where an element of a list ends and what stands in it.
 struct Element {
     static constexpr size_t kNone = std::string_view::npos;
@@ -87,20 +89,36 @@ std::unique_ptr<DwMailbox> make_address(const DwString& field, const Element& el
     return mime::make_mailbox(field, mime::without_route(inside));
 }
 
-void read_list(const DwString& field, bool groups, DwChain<DwMailbox>& addresses) {
-    const std::string_view list = mime::view(field);
-    Element element;
-    for (size_t begin = 0; !element.last; begin = element.end + 1) {
-        element = read_element(list, begin, groups);
-        if (element.has_tokens || !element.ends)
-            addresses.append(make_address(field, element));
+// The elements of an address list, one after the other.
+class ElementReader {
+public:
+    ElementReader(const DwString& field, bool groups) : field_(field), groups_(groups) {}
+
+    std::unique_ptr<DwMailbox> next() {
+        while (!element_.last) {
+            element_ = read_element(mime::view(field_), begin_, groups_);
+            begin_ = element_.end + 1;
+            if (element_.has_tokens || !element_.ends)
+                return make_address(field_, element_);
+        }
+        return nullptr;
     }
+
+private:
+    DwString field_;
+    bool groups_;
+    size_t begin_ = 0;
+    Element element_;
+};
+
+DwChain<DwMailbox>::Source elements(const DwString& field, bool groups) {
+    return [reader = ElementReader(field, groups)]() mutable { return reader.next(); };
 }
 
 } // namespace
 
 DwAddress* DwAddress::Next() const {
-    return next_;
+    return DwChain<DwMailbox>::behind(static_cast<const DwMailbox&>(*this));
 }
 
 std::unique_ptr<DwMailbox> DwMailbox::group(bool valid) {
@@ -113,15 +131,20 @@ std::unique_ptr<DwMailbox> DwMailbox::invalid() {
 
 std::unique_ptr<DwMailbox> DwMailbox::valid(const DwString& local_part, const DwString& domain) {
     std::unique_ptr<DwMailbox> mailbox(new DwMailbox(Kind::kMailbox, true));
-    mailbox->local_part_ = local_part;
-    mailbox->domain_ = domain;
+    mailbox->halves_ = std::make_unique<const Halves>(Halves{local_part, domain});
     return mailbox;
 }
 
-DwAddressList::DwAddressList(const DwString& text) : DwFieldBody(text) {
-    read_list(text_, true, addresses_);
+const DwString& DwMailbox::LocalPart() const {
+    return halves_ ? halves_->local_part : kEmpty;
 }
 
-DwMailboxList::DwMailboxList(const DwString& text) : DwFieldBody(text) {
-    read_list(text_, false, mailboxes_);
+const DwString& DwMailbox::Domain() const {
+    return halves_ ? halves_->domain : kEmpty;
 }
+
+DwAddressList::DwAddressList(const DwString& text)
+    : DwFieldBody(text), addresses_(elements(text_, true)) {}
+
+DwMailboxList::DwMailboxList(const DwString& text)
+    : DwFieldBody(text), mailboxes_(elements(text_, false)) {}

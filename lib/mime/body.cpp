@@ -9,8 +9,8 @@
 DwBody::DwBody() = default;
 DwBody::~DwBody() = default;
 
-void DwBody::set_text(const DwString& text) {
-    text_ = text;
+DwBodyPart* DwBody::FirstBodyPart() const {
+    return parts_ ? parts_->first() : nullptr;
 }
 
 namespace {
@@ -55,18 +55,33 @@ std::string_view text_before(std::string_view body, size_t start, size_t line) {
     return body.substr(start, end - start);
 }
 
+// The parts of a body, one after the other.
+class PartReader {
+public:
+    PartReader(const DwString& body, const DwString& boundary)
+        : body_(body), dashes_("--" + std::string(mime::view(boundary))),
+          opening_(find_delimiter(mime::view(body_), dashes_, 0)) {}
+
+    std::unique_ptr<DwBodyPart> next() {
+        if (opening_.line == kNone || opening_.closes)
+            return nullptr;
+        const std::string_view body = mime::view(body_);
+        const size_t start = opening_.behind;
+        opening_ = find_delimiter(body, dashes_, start);
+        const std::string_view part =
+            opening_.line == kNone ? body.substr(start) : text_before(body, start, opening_.line);
+        return std::make_unique<DwBodyPart>(mime::part_of(body_, part));
+    }
+
+private:
+    DwString body_;
+    std::string dashes_;
+    Delimiter opening_; // the delimiter line before the next part
+};
+
 } // namespace
 
 void DwBody::split(const DwString& boundary) {
-    const std::string_view body = mime::view(text_);
-    const std::string dashes = "--" + std::string(mime::view(boundary));
-    Delimiter opening = find_delimiter(body, dashes, 0);
-    while (opening.line != kNone && !opening.closes) {
-        const Delimiter next = find_delimiter(body, dashes, opening.behind);
-        const std::string_view part = next.line == kNone
-                                          ? body.substr(opening.behind)
-                                          : text_before(body, opening.behind, next.line);
-        parts_.append(std::make_unique<DwBodyPart>(mime::part_of(text_, part)));
-        opening = next;
-    }
+    parts_ = std::make_unique<DwChain<DwBodyPart>>(
+        [reader = PartReader(text_, boundary)]() mutable { return reader.next(); });
 }

@@ -4,6 +4,7 @@
 #include "views.h"
 
 #include <array>
+#include <cstdint>
 #include <cstring>
 #include <string_view>
 
@@ -19,32 +20,49 @@ constexpr std::array<signed char, 256> kHexDigits = [] {
     return digits;
 }();
 
-// The byte that "=" at the start of `text` and the two digits behind it stand for, or -1.
-int escaped_byte(std::string_view text) {
-    if (text.size() < 3)
+// The byte that "=" at `in` and the two digits behind it stand for, or -1.
+int escaped_byte(const char* in, const char* end) {
+    if (end - in < 3)
         return -1;
-    const int high = kHexDigits[static_cast<unsigned char>(text[1])];
-    const int low = kHexDigits[static_cast<unsigned char>(text[2])];
-    return high < 0 || low < 0 ? -1 : high * 16 + low;
+    const int high = kHexDigits[static_cast<unsigned char>(in[1])];
+    const int low = kHexDigits[static_cast<unsigned char>(in[2])];
+    return (high | low) < 0 ? -1 : high * 16 + low;
+}
+
+bool has_equals_sign(uint64_t eight_bytes) {
+    constexpr uint64_t kOnes = 0x0101010101010101;
+    const uint64_t zero_where_equal = eight_bytes ^ kOnes * '=';
+    return ((zero_where_equal - kOnes) & ~zero_where_equal & kOnes << 7) != 0;
+}
+
+// Copies what stands before the next "="; moves both on. The output never is ahead of the input, so
+// there is room for eight bytes where eight are read.
+void copy_run(const char*& in, const char* end, char*& out) {
+    for (; end - in >= 8 && *in != '='; in += 8, out += 8) {
+        uint64_t eight_bytes;
+        std::memcpy(&eight_bytes, in, sizeof eight_bytes);
+        if (has_equals_sign(eight_bytes))
+            break;
+        std::memcpy(out, &eight_bytes, sizeof eight_bytes);
+    }
+    while (in != end && *in != '=')
+        *out++ = *in++;
 }
 
 // Writes a line without its line end to `out`; returns behind it. Clears `well_formed` where an "="
 // stands for nothing.
 char* decode_line(std::string_view line, char* out, bool& well_formed) {
-    while (!line.empty()) {
-        if (line.front() == '=') {
-            const int byte = escaped_byte(line);
-            well_formed = well_formed && byte >= 0;
-            *out++ = byte < 0 ? '=' : static_cast<char>(byte);
-            line.remove_prefix(byte < 0 ? 1 : 3);
-        } else {
-            const size_t run = std::min(line.find('='), line.size());
-            std::memcpy(out, line.data(), run);
-            out += run;
-            line.remove_prefix(run);
-        }
+    const char* in = line.data();
+    const char* const end = in + line.size();
+    for (;;) {
+        copy_run(in, end, out);
+        if (in == end)
+            return out;
+        const int byte = escaped_byte(in, end);
+        well_formed = well_formed && byte >= 0;
+        *out++ = byte < 0 ? '=' : static_cast<char>(byte);
+        in += byte < 0 ? 1 : 3;
     }
-    return out;
 }
 
 std::string_view without_space_at_end(std::string_view line) {

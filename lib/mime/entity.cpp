@@ -5,13 +5,9 @@
 
 void DwInitialize() {}
 
-void DwEntity::parse_entity() {
-    const size_t body = headers_.parse(text_);
-    body_.set_text(DwString(text_, body, text_.length() - body));
-}
-
-DwBodyPart::DwBodyPart(const DwString& text) : DwEntity(text) {
-    parse_entity();
+void DwEntity::parse(const DwString& text) {
+    const size_t body = headers_.parse(text);
+    body_.set_text(DwString(text, body, text.length() - body));
 }
 
 DwMessage* DwMessage::NewMessage(const DwString& text, DwEntity* /*parent*/) {
@@ -36,7 +32,7 @@ void DwMessage::Parse() {
     if (parsed_)
         return;
     parsed_ = true;
-    parse_entity();
+    parse(text_);
     const DwMediaType& type = Headers().ContentType();
     if (type.Type() != DwMime::kTypeMultipart)
         return;

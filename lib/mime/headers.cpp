@@ -7,6 +7,15 @@
 
 using mime::is_blank;
 
+struct DwHeaders::Fields {
+    std::unique_ptr<DwAddressList> reply_to;
+    std::unique_ptr<DwMailboxList> from;
+    std::unique_ptr<DwText> subject;
+    std::unique_ptr<DwDateTime> date;
+    std::unique_ptr<DwMediaType> content_type;
+    std::unique_ptr<DwMechanism> content_transfer_encoding;
+};
+
 DwHeaders::DwHeaders() = default;
 DwHeaders::~DwHeaders() = default;
 
@@ -65,11 +74,6 @@ std::string_view without_trailing_blanks(std::string_view name) {
     return name;
 }
 
-template <class Field> const Field& field_or_empty(const std::unique_ptr<Field>& field) {
-    static const Field empty;
-    return field ? *field : empty;
-}
-
 } // namespace
 
 // Takes the header lines from the start of `entity`; returns where the body begins. The lines end
@@ -104,7 +108,6 @@ size_t DwHeaders::parse(const DwString& entity) {
     }
     if (field != std::string_view::npos)
         take_field(entity, field, colon, line);
-    text_ = DwString(entity, 0, line);
     return body;
 }
 
@@ -114,39 +117,74 @@ void DwHeaders::take_field(const DwString& entity, size_t name, size_t colon, si
     const std::string_view text = mime::view(entity);
     const std::string_view key = without_trailing_blanks(text.substr(name, colon - name));
     const std::string_view value = text.substr(colon + 1, end - colon - 1);
-    const auto take = [&](auto& field, std::string_view field_name) {
+    const auto take = [&](auto member, std::string_view field_name) {
+        if (!mime::equals_ignoring_case(key, field_name))
+            return;
+        if (!fields_)
+            fields_ = std::make_unique<Fields>();
+        auto& field = (*fields_).*member;
         using Field = typename std::remove_reference_t<decltype(field)>::element_type;
-        if (!field && mime::equals_ignoring_case(key, field_name))
+        if (!field)
             field = std::make_unique<Field>(string_form(entity, value));
     };
-    take(reply_to_, "reply-to");
-    take(from_, "from");
-    take(subject_, "subject");
-    take(date_, "date");
-    take(content_type_, "content-type");
-    take(content_transfer_encoding_, "content-transfer-encoding");
+    take(&Fields::reply_to, "reply-to");
+    take(&Fields::from, "from");
+    take(&Fields::subject, "subject");
+    take(&Fields::date, "date");
+    take(&Fields::content_type, "content-type");
+    take(&Fields::content_transfer_encoding, "content-transfer-encoding");
+}
+
+bool DwHeaders::HasReplyTo() const {
+    return fields_ && fields_->reply_to;
 }
 
 const DwAddressList& DwHeaders::ReplyTo() const {
-    return field_or_empty(reply_to_);
+    static const DwAddressList missing;
+    return HasReplyTo() ? *fields_->reply_to : missing;
+}
+
+bool DwHeaders::HasFrom() const {
+    return fields_ && fields_->from;
 }
 
 const DwMailboxList& DwHeaders::From() const {
-    return field_or_empty(from_);
+    static const DwMailboxList missing;
+    return HasFrom() ? *fields_->from : missing;
+}
+
+bool DwHeaders::HasSubject() const {
+    return fields_ && fields_->subject;
 }
 
 const DwText& DwHeaders::Subject() const {
-    return field_or_empty(subject_);
+    static const DwText missing;
+    return HasSubject() ? *fields_->subject : missing;
+}
+
+bool DwHeaders::HasDate() const {
+    return fields_ && fields_->date;
 }
 
 const DwDateTime& DwHeaders::Date() const {
-    return field_or_empty(date_);
+    static const DwDateTime missing;
+    return HasDate() ? *fields_->date : missing;
+}
+
+bool DwHeaders::HasContentType() const {
+    return fields_ && fields_->content_type;
 }
 
 const DwMediaType& DwHeaders::ContentType() const {
-    return field_or_empty(content_type_);
+    static const DwMediaType missing;
+    return HasContentType() ? *fields_->content_type : missing;
+}
+
+bool DwHeaders::HasContentTransferEncoding() const {
+    return fields_ && fields_->content_transfer_encoding;
 }
 
 const DwMechanism& DwHeaders::ContentTransferEncoding() const {
-    return field_or_empty(content_transfer_encoding_);
+    static const DwMechanism missing;
+    return HasContentTransferEncoding() ? *fields_->content_transfer_encoding : missing;
 }

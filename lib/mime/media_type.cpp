@@ -126,23 +126,37 @@ Enum look_up(const Name<Enum> (&names)[size], std::string_view token, Enum none,
     return unknown;
 }
 
+// The parameters of a Content-Type, one after the other.
+class ParameterReader {
+public:
+    explicit ParameterReader(const DwString& field) : field_(field), cursor_(mime::view(field_)) {}
+
+    std::unique_ptr<DwParameter> next() {
+        while (cursor_.next_parameter()) {
+            const std::string_view attribute = cursor_.token();
+            if (attribute.empty() || cursor_.peek() != '=')
+                continue;
+            cursor_.step();
+            const DwString value = cursor_.peek() == '"'
+                                       ? unescape(field_, cursor_.quoted_value())
+                                       : mime::part_of(field_, cursor_.unquoted_value());
+            return std::make_unique<DwParameter>(mime::part_of(field_, attribute), value);
+        }
+        return nullptr;
+    }
+
+private:
+    DwString field_;
+    Cursor cursor_;
+};
+
 } // namespace
 
-DwMediaType::DwMediaType(const DwString& text) : DwFieldBody(text) {
-    Cursor cursor(mime::view(text_));
-    type_ = look_up(kTypes, cursor.token(), DwMime::kTypeNull, DwMime::kTypeUnknown);
-    while (cursor.next_parameter()) {
-        const std::string_view attribute = cursor.token();
-        if (attribute.empty() || cursor.peek() != '=')
-            continue;
-        cursor.step();
-        const DwString value = cursor.peek() == '"' ? unescape(text_, cursor.quoted_value())
-                                                    : mime::part_of(text_, cursor.unquoted_value());
-        parameters_.append(std::make_unique<DwParameter>(mime::part_of(text_, attribute), value));
-    }
-}
+DwMediaType::DwMediaType(const DwString& text)
+    : DwFieldBody(text), type_(look_up(kTypes, Cursor(mime::view(text_)).token(), DwMime::kTypeNull,
+                                       DwMime::kTypeUnknown)),
+      parameters_([reader = ParameterReader(text_)]() mutable { return reader.next(); }) {}
 
-DwMechanism::DwMechanism(const DwString& text) : DwFieldBody(text) {
-    encoding_ = look_up(kEncodings, Cursor(mime::view(text_)).token(), DwMime::kCteNull,
-                        DwMime::kCteUnknown);
-}
+DwMechanism::DwMechanism(const DwString& text)
+    : DwFieldBody(text), encoding_(look_up(kEncodings, Cursor(mime::view(text_)).token(),
+                                           DwMime::kCteNull, DwMime::kCteUnknown)) {}

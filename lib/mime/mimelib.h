@@ -4,20 +4,23 @@
 // It takes any bytes whatever and never fails on them: there are no parse errors, only fields,
 // addresses and parts that are absent or invalid. Time and memory are linear in the message,
 // nothing recurses, and there is no limit on line length, field count, part count, nesting or size.
-// Bodies, headers and most field values are views into the one text that was parsed. Everything is
-// parsed once, in DwMessage::Parse. The only exception that any of it throws is std::bad_alloc.
+// Bodies and most field values are views into the one text that was parsed. Everything is parsed
+// once; addresses, parameters and parts as far as they are walked. The only exception that any of
+// it throws is std::bad_alloc.
 //
 // Rules: RFC 5322 and RFC 822 for fields and addresses, RFC 2045 and RFC 2046 for Content-Type,
 // encodings and multipart bodies, read leniently where real mail needs it and strictly where a
 // guess could send a reply to somebody else. "Blank" means space or tab; a line ends in LF or CR
 // LF, and a lone CR is an ordinary character.
 //
-// Objects are not safe to use from several threads at once. Copies of parsed objects are not made;
-// pointers and references into a message live as long as the message.
+// Objects are not safe to use from several threads at once. Pointers and references into a message
+// live as long as the message.
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <memory>
+#include <utility>
 
 class DwAddressList;
 class DwBodyPart;
@@ -103,53 +106,67 @@ private:
 
 bool operator==(const DwString& left, const char* right);
 
-// An owning list of nodes, each of which knows the next one. Nodes stay where they are; they are
-// freed in a loop, however many they are.
+// An owning list whose nodes are made one by one as they are walked. They stay where they are, and
+// are freed in a loop, however many they are.
 template <class Node> class DwChain {
 public:
-    DwChain() = default;
+    // Makes the next node; null at the end, after which it is not called again.
+    using Source = std::function<std::unique_ptr<Node>()>;
+
+    explicit DwChain(Source source) : source_(std::move(source)) { extend(); }
     DwChain(const DwChain&) = delete;
     DwChain& operator=(const DwChain&) = delete;
-    ~DwChain() { clear(); }
-
-    Node* first() const { return first_; }
-    void append(std::unique_ptr<Node> node) {
-        Node* added = node.release();
-        (last_ ? last_->next_ : first_) = added;
-        last_ = added;
-    }
-    void clear() {
+    ~DwChain() {
         while (Node* node = first_) {
             first_ = node->next_;
             delete node;
         }
-        last_ = nullptr;
+    }
+
+    // The first node, or null.
+    Node* first() const { return first_; }
+    // The node behind `node`, made now if `node` is the last one so far; null at the end.
+    static Node* behind(const Node& node) {
+        return node.next_ ? node.next_ : node.chain_->extend();
     }
 
 private:
+    Node* extend() {
+        Node* added = source_ ? source_().release() : nullptr;
+        if (!added) {
+            source_ = nullptr;
+            return nullptr;
+        }
+        added->chain_ = this;
+        (last_ ? last_->next_ : first_) = added;
+        last_ = added;
+        return added;
+    }
+
+    Source source_;
     Node* first_ = nullptr;
     Node* last_ = nullptr;
 };
 
-// Anything that has a text of its own.
+// What has a text of its own: a field body, or the body of an entity.
 class DwMessageComponent {
 public:
     DwMessageComponent(const DwMessageComponent&) = delete;
     DwMessageComponent& operator=(const DwMessageComponent&) = delete;
 
-    // A field body: its string form, which is what stands behind the ":", without leading blanks,
-    // without white space at the end, and unfolded (RFC 5322 section 2.2.3). An entity, its headers
-    // and its body: their bytes as they stand in the message.
+    // Of a field body, its string form: what stands behind the ":", without leading blanks, without
+    // white space at the end, and unfolded (RFC 5322 section 2.2.3). Of a body, its bytes as they
+    // stand in the message.
     const DwString& AsString() const { return text_; }
 
 protected:
-    DwMessageComponent() = default;
-    explicit DwMessageComponent(const DwString& text) : text_(text) {}
+    explicit DwMessageComponent(const DwString& text = {}) : text_(text) {}
     ~DwMessageComponent() = default;
 
     DwString text_;
 };
 
+// The value of a field. Default constructed: that of a field which is missing, with an empty text.
 class DwFieldBody : public DwMessageComponent {
 protected:
     using DwMessageComponent::DwMessageComponent;
@@ -159,15 +176,13 @@ protected:
 // Unstructured text: Subject.
 class DwText : public DwFieldBody {
 public:
-    DwText() = default;
-    explicit DwText(const DwString& text) : DwFieldBody(text) {}
+    explicit DwText(const DwString& text = {}) : DwFieldBody(text) {}
 };
 
 // A date, not looked into: Date.
 class DwDateTime : public DwFieldBody {
 public:
-    DwDateTime() = default;
-    explicit DwDateTime(const DwString& text) : DwFieldBody(text) {}
+    explicit DwDateTime(const DwString& text = {}) : DwFieldBody(text) {}
 };
 
 // One element of an address list: a group, or a mailbox, valid or not (RFC 822 section 6.1).
@@ -187,12 +202,12 @@ protected:
     DwAddress(Kind kind, bool valid) : kind_(kind), valid_(valid) {}
     ~DwAddress() = default;
 
-private:
-    friend class DwChain<DwMailbox>;
+    DwMailbox* next_ = nullptr;
+    DwChain<DwMailbox>* chain_ = nullptr;
 
+private:
     Kind kind_;
     bool valid_;
-    DwMailbox* next_ = nullptr;
 };
 
 // Every element is made as this class, a group too, so that one kind of node serves both lists.
@@ -205,21 +220,24 @@ public:
     // The texts before and behind the "@", comments and blanks between their tokens left out.
     // Quotes and backslashes of a quoted string stay, as do the brackets of a domain literal; a
     // line end inside of them is one blank. Both are empty for an invalid mailbox.
-    const DwString& LocalPart() const { return local_part_; }
-    const DwString& Domain() const { return domain_; }
+    const DwString& LocalPart() const;
+    const DwString& Domain() const;
 
 private:
+    friend class DwChain<DwMailbox>;
     using DwAddress::DwAddress;
 
-    DwString local_part_;
-    DwString domain_;
+    struct Halves {
+        DwString local_part;
+        DwString domain;
+    };
+    std::unique_ptr<const Halves> halves_; // of a valid mailbox
 };
 
 // Mailboxes and groups: Reply-To.
 class DwAddressList : public DwFieldBody {
 public:
-    DwAddressList() = default;
-    explicit DwAddressList(const DwString& text);
+    explicit DwAddressList(const DwString& text = {});
 
     // The first element, or null for an empty list.
     DwAddress* FirstAddress() const { return addresses_.first(); }
@@ -231,8 +249,7 @@ private:
 // Mailboxes alone: From. What looks like a group is an invalid mailbox here.
 class DwMailboxList : public DwFieldBody {
 public:
-    DwMailboxList() = default;
-    explicit DwMailboxList(const DwString& text);
+    explicit DwMailboxList(const DwString& text = {});
 
     // The first element, or null for an empty list. What DwMailbox::Next gives is a DwMailbox too.
     DwMailbox* FirstMailbox() const { return mailboxes_.first(); }
@@ -252,21 +269,21 @@ public:
     // Without the quotes and backslashes of a quoted value; may be empty.
     const DwString& Value() const { return value_; }
     // The next parameter, or null.
-    DwParameter* Next() const { return next_; }
+    DwParameter* Next() const { return DwChain<DwParameter>::behind(*this); }
 
 private:
     friend class DwChain<DwParameter>;
 
+    DwParameter* next_ = nullptr;
+    DwChain<DwParameter>* chain_ = nullptr;
     DwString attribute_;
     DwString value_;
-    DwParameter* next_ = nullptr;
 };
 
 // Content-Type (RFC 2045 section 5.1).
 class DwMediaType : public DwFieldBody {
 public:
-    DwMediaType() = default;
-    explicit DwMediaType(const DwString& text);
+    explicit DwMediaType(const DwString& text = {});
 
     // One of DwMime::DwTypeEnum. The subtype is not looked at.
     int Type() const { return type_; }
@@ -274,37 +291,39 @@ public:
     DwParameter* FirstParameter() const { return parameters_.first(); }
 
 private:
-    DwMime::DwTypeEnum type_ = DwMime::kTypeNull;
+    DwMime::DwTypeEnum type_;
     DwChain<DwParameter> parameters_;
 };
 
 // Content-Transfer-Encoding (RFC 2045 section 6.1).
 class DwMechanism : public DwFieldBody {
 public:
-    DwMechanism() = default;
-    explicit DwMechanism(const DwString& text);
+    explicit DwMechanism(const DwString& text = {});
 
     // One of DwMime::DwCteEnum.
     int AsEnum() const { return encoding_; }
 
 private:
-    DwMime::DwCteEnum encoding_ = DwMime::kCteNull;
+    DwMime::DwCteEnum encoding_;
 };
 
 // The headers of an entity. Of several fields of one name the first counts; names are matched
-// without regard to case. The accessor of a field that is missing gives one with an empty text.
-class DwHeaders : public DwMessageComponent {
+// without regard to case.
+class DwHeaders {
 public:
     DwHeaders();
+    DwHeaders(const DwHeaders&) = delete;
+    DwHeaders& operator=(const DwHeaders&) = delete;
     ~DwHeaders();
 
-    bool HasReplyTo() const { return reply_to_ != nullptr; }
-    bool HasFrom() const { return from_ != nullptr; }
-    bool HasSubject() const { return subject_ != nullptr; }
-    bool HasDate() const { return date_ != nullptr; }
-    bool HasContentType() const { return content_type_ != nullptr; }
-    bool HasContentTransferEncoding() const { return content_transfer_encoding_ != nullptr; }
+    bool HasReplyTo() const;
+    bool HasFrom() const;
+    bool HasSubject() const;
+    bool HasDate() const;
+    bool HasContentType() const;
+    bool HasContentTransferEncoding() const;
 
+    // A field that is missing has an empty text, no elements and no parameters.
     const DwAddressList& ReplyTo() const;
     const DwMailboxList& From() const;
     const DwText& Subject() const;
@@ -314,16 +333,12 @@ public:
 
 private:
     friend class DwEntity;
+    struct Fields;
 
     size_t parse(const DwString& entity);
     void take_field(const DwString& entity, size_t name, size_t colon, size_t end);
 
-    std::unique_ptr<DwAddressList> reply_to_;
-    std::unique_ptr<DwMailboxList> from_;
-    std::unique_ptr<DwText> subject_;
-    std::unique_ptr<DwDateTime> date_;
-    std::unique_ptr<DwMediaType> content_type_;
-    std::unique_ptr<DwMechanism> content_transfer_encoding_;
+    std::unique_ptr<Fields> fields_; // none where none of them is there
 };
 
 // The body of an entity. Only that of a top-level message of type multipart with a boundary has
@@ -334,31 +349,34 @@ public:
     ~DwBody();
 
     // The first part, or null.
-    DwBodyPart* FirstBodyPart() const { return parts_.first(); }
+    DwBodyPart* FirstBodyPart() const;
 
 private:
     friend class DwEntity;
     friend class DwMessage;
 
-    void set_text(const DwString& text);
+    void set_text(const DwString& text) { text_ = text; }
     void split(const DwString& boundary);
 
-    DwChain<DwBodyPart> parts_;
+    std::unique_ptr<DwChain<DwBodyPart>> parts_; // of a multipart
 };
 
 // Headers and a body.
-class DwEntity : public DwMessageComponent {
+class DwEntity {
 public:
+    DwEntity(const DwEntity&) = delete;
+    DwEntity& operator=(const DwEntity&) = delete;
+
     DwHeaders& Headers() { return headers_; }
     const DwHeaders& Headers() const { return headers_; }
     DwBody& Body() { return body_; }
     const DwBody& Body() const { return body_; }
 
 protected:
-    explicit DwEntity(const DwString& text) : DwMessageComponent(text) {}
+    DwEntity() = default;
     ~DwEntity() = default;
 
-    void parse_entity();
+    void parse(const DwString& text);
 
 private:
     DwHeaders headers_;
@@ -368,15 +386,16 @@ private:
 // One part of a multipart body.
 class DwBodyPart : public DwEntity {
 public:
-    explicit DwBodyPart(const DwString& text);
+    explicit DwBodyPart(const DwString& text) { parse(text); }
 
     // The next part, or null.
-    DwBodyPart* Next() const { return next_; }
+    DwBodyPart* Next() const { return DwChain<DwBodyPart>::behind(*this); }
 
 private:
     friend class DwChain<DwBodyPart>;
 
     DwBodyPart* next_ = nullptr;
+    DwChain<DwBodyPart>* chain_ = nullptr;
 };
 
 // A whole message.
@@ -390,8 +409,9 @@ public:
     void Parse();
 
 private:
-    using DwEntity::DwEntity;
+    explicit DwMessage(const DwString& text) : text_(text) {}
 
+    DwString text_;
     bool parsed_ = false;
 };
 

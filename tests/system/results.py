@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import sys
 import time
 import traceback
 import unittest
@@ -17,17 +18,20 @@ class _Collector(unittest.TestResult):
 
     def startTest(self, test):
         super().startTest(test)
-        self.records[test.id()] = {"started": time.monotonic(), "failures": [], "skipped": None}
+        self._record(test)["started"] = time.monotonic()
 
     def stopTest(self, test):
         super().stopTest(test)
-        record = self.records[test.id()]
+        record = self._record(test)
         record["seconds"] = time.monotonic() - record["started"]
+
+    def _record(self, test):
+        """The case's record; the preparation of a class, which isn't a case, has one too when it fails."""
+        return self.records.setdefault(test.id(), {"seconds": 0, "failures": [], "skipped": None})
 
     def _fail(self, test, error):
         text = "".join(traceback.format_exception(*error))
-        record = self.records.setdefault(test.id(), {"seconds": 0, "failures": [], "skipped": None})
-        record["failures"].append(text)
+        self._record(test)["failures"].append(text)
         print(f"FAILED {test.id()}\n{text}", flush=True)
 
     def addFailure(self, test, error):
@@ -46,16 +50,17 @@ class _Collector(unittest.TestResult):
 
     def addSkip(self, test, reason):
         super().addSkip(test, reason)
-        self.records[test.id()]["skipped"] = reason
+        self._record(test)["skipped"] = reason
         print(f"SKIPPED {test.id()}: {reason}", flush=True)
 
     def addUnexpectedSuccess(self, test):
         super().addUnexpectedSuccess(test)
-        self.records[test.id()]["failures"].append("passed against expectation")
+        self._record(test)["failures"].append("passed against expectation")
 
 
 def run(name, suite):
     """Runs the suite and returns the exit status: 1 when a case failed, else 0."""
+    sys.stdout.reconfigure(errors="backslashreplace")  # whatever bytes a failure shows
     collector = _Collector()
     suite.run(collector)
     records = collector.records

@@ -3,7 +3,8 @@
 The command sees the host read-only, but for these places of its own on a memory file system:
 /tmp, /etc/qrx, /usr/sbin/sendmail (the recorder), /var/qmail, /run with a MariaDB server of its own
 behind /run/mysqld/mysqld.sock, and /sandbox with what the recorder and the server keep. The checkout's
-build folder stays writable. There is no network but a loopback device that is down, and no process
+build folder stays writable; a checkout below /tmp, which tests empty, is seen at /sandbox/checkout, and
+its path in the command and in the environment is changed accordingly. There is no network but a loopback device that is down, and no process
 of the host can be seen. When the command ends, or the process that called run() does, by whatever
 signal, the kernel ends all that is left and everything private is gone.
 
@@ -12,6 +13,7 @@ Works as root and as an ordinary user (who is root inside, by a user namespace);
 
 import os
 import pathlib
+import re
 import resource
 import select
 import shutil
@@ -24,6 +26,7 @@ import server
 
 CHECKOUT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = CHECKOUT / "build"
+_SEEN_AT = pathlib.Path("/sandbox/checkout") if CHECKOUT.is_relative_to("/tmp") else CHECKOUT
 PROGRAM = "/sandbox/autoresponder"
 GMIME_HEADERS = "/sandbox/gmime_headers"
 RECORDER = "/sandbox/recording_sendmail"
@@ -117,9 +120,10 @@ def _as_first_process(command, programs, lifeline):
             return  # the parent ended before it could be watched
         folder = os.getcwd()
         _build_root(programs)
+        folder = _as_seen_inside(folder)
         os.chdir(folder if os.path.isdir(folder) else "/")
-        server.start()
-        status = _run_command(command)
+        server.start(_SEEN_AT)
+        status = _run_command([_as_seen_inside(word) for word in command])
     except KeyboardInterrupt:
         status = 128 + signal.SIGINT
     except (OSError, server.Failed) as error:
@@ -136,7 +140,8 @@ def _run_command(command):
     signal.signal(signal.SIGINT, _ignore)
     signal.signal(signal.SIGQUIT, _ignore)
     try:
-        main = subprocess.Popen(command, env={**os.environ, "QRX_SANDBOX": "1"})
+        variables = {name: _as_seen_inside(value) for name, value in os.environ.items()}
+        main = subprocess.Popen(command, env={**variables, "QRX_SANDBOX": "1"})
     except OSError as error:
         print(f"in_sandbox: {command[0]}: {error.strerror}", file=sys.stderr)
         return 127
@@ -230,13 +235,17 @@ def _show_programs(root, programs):
 
 
 def _show_checkout(root):
-    """The checkout where it is on the host, also when that is a place that is private; its build folder writable."""
+    """The checkout, read-only but for its build folder."""
     BUILD.mkdir(exist_ok=True)
-    inside = root / str(CHECKOUT).lstrip("/")
+    inside = root / str(_SEEN_AT).lstrip("/")
     if not inside.is_dir():
         inside.mkdir(parents=True)
         _show_read_only(CHECKOUT, inside)
-    linux.bind(BUILD, root / str(BUILD).lstrip("/"))
+    linux.bind(BUILD, inside / "build")
+
+
+def _as_seen_inside(text):
+    return re.sub(re.escape(str(CHECKOUT)) + r"(?![\w.-])", str(_SEEN_AT), text)
 
 
 def replace_sendmail(content=None):

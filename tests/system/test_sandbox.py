@@ -97,7 +97,7 @@ class Sandbox(SystemTest):
         result = shell("ls -A /tmp /etc/qrx /var/qmail/control /var/qmail/mailnames; cat /etc/qrx/.qrx.shadow;"
                        " test -x /usr/sbin/sendmail && echo executable")
         self.assertEqual(result.stdout.split("\n"), [
-            "/etc/qrx:", ".qrx.shadow", "", "/tmp:", *sorted(program_run.OF_THE_SANDBOX), "", "/var/qmail/control:", "",
+            "/etc/qrx:", ".qrx.shadow", "", "/tmp:", "", "/var/qmail/control:", "",
             "/var/qmail/mailnames:", "sandbox-admin", "executable", ""])
 
     def test_the_server_has_its_tables_and_they_are_empty(self):
@@ -144,10 +144,19 @@ class Sandbox(SystemTest):
                        prefix=["setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}", "--clear-groups"])
         self.assertEqual((result.stdout, result.stderr, result.returncode), ("0\n42\n", "", 0))
 
-    def test_a_checkout_below_tmp_is_seen_where_it_is(self):
+    def test_a_checkout_below_tmp_is_out_of_the_way_of_who_empties_tmp(self):
         checkout = self.copy_of_the_checkout()
-        result = shell(f"ls /tmp; ls {checkout}", tool=checkout / "tests/system/in_sandbox")
-        self.assertEqual(result.stdout.split(), ["checkout", "build", "tests"])
+        (checkout / "build").mkdir()
+        (checkout / "build/kept").touch()
+        result = subprocess.run(
+            [checkout / "tests/system/in_sandbox", "sh", "-c",
+             f"ls -A /tmp; rm -rf /tmp/*; pwd; ls {checkout}; echo '{checkout}2' $WHERE; touch {checkout}/build/new"],
+            cwd=checkout / "tests", env={**os.environ, "WHERE": f"xml:{checkout}/build/"},
+            capture_output=True, text=True, check=False)
+        self.assertEqual(result.stderr, "")
+        self.assertEqual(result.stdout.split(), ["/sandbox/checkout/tests", "build", "tests", "/tmp/checkout2",
+                                                 "xml:/sandbox/checkout/build/"])
+        self.assertEqual(sorted(path.name for path in (checkout / "build").iterdir()), ["kept", "new", "sandbox"])
 
     def test_a_refusal_is_one_line_that_says_what_to_do(self):
         refuse = ["strace", "-f", "-o", "/dev/null", "-e", "inject=unshare:error=EPERM"]

@@ -16,6 +16,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <sys/mman.h>
 #include <unistd.h>
 #include <vector>
 
@@ -62,6 +63,8 @@ ssize_t __wrap_getdelim(char** line, size_t* size, int delimiter, FILE* file) {
 
 namespace {
 
+using namespace std::string_literals;
+
 struct Report {
     int level;
     std::string text;
@@ -105,16 +108,15 @@ protected:
     void SetUp() override {
         reports.clear();
         quarx_log = record;
-        path_ = testing::TempDir() + "conf_store_XXXXXX";
-        const int fd = mkstemp(path_.data());
-        ASSERT_NE(fd, -1);
-        close(fd);
+        file_ = memfd_create("qrx.conf", MFD_CLOEXEC);
+        ASSERT_NE(file_, -1);
+        path_ = "/proc/self/fd/" + std::to_string(file_);
     }
 
     void TearDown() override {
         failing_calloc = failing_realloc = failing_strdup = failing_getdelim = 0;
         quarx_log = _quarx_utility_log;
-        unlink(path_.c_str());
+        close(file_);
     }
 
     int read(const std::string& content) {
@@ -136,6 +138,7 @@ protected:
         return read(content) == 0 ? entries() : "(failed)";
     }
 
+    int file_ = -1; // in memory
     std::string path_;
     Store store_ = new_store();
 };
@@ -227,11 +230,11 @@ TEST_F(ConfReader, a_value_may_hold_bytes_above_127) {
 }
 
 TEST_F(ConfReader, a_line_ends_at_its_first_nul_byte) {
-    EXPECT_EQ(entries_of(std::string("A b\0c\nB d\n", 10)), "<A=b><B=d>");
+    EXPECT_EQ(entries_of("A b\0c\nB d\n"s), "<A=b><B=d>");
 }
 
 TEST_F(ConfReader, a_line_that_begins_with_a_nul_byte_is_empty) {
-    EXPECT_EQ(entries_of(std::string("\0A b\nB c\n", 9)), "<B=c>");
+    EXPECT_EQ(entries_of("\0A b\nB c\n"s), "<B=c>");
     EXPECT_EQ(reported(), "");
 }
 
@@ -568,7 +571,7 @@ TEST_F(ConfReader, random_files_are_read_as_the_slow_reader_reads_them) {
     const unsigned seed = std::random_device{}();
     std::printf("seed %u\n", seed);
     std::mt19937 random{seed};
-    const std::string alphabet{"AB_1  \t\n\n\r##=\0\xe4xyz", 20};
+    const std::string alphabet = "AB_1  \t\n\n\r##=\0\xe4xyz"s;
     for (int round = 0; round < 5000; ++round) {
         std::string content;
         for (size_t length = random() % 80; length > 0; --length)
