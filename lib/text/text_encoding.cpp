@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <stdexcept>
 #include <string_view>
@@ -14,20 +15,55 @@
 namespace quarx {
 namespace {
 
-// One line on standard error, in one write, so that lines of concurrent runs do not mix.
+// Lines about malformed input, written to standard error in the order they come and in large
+// pieces: a hostile text has millions of them.
+class Complaints {
+public:
+    Complaints() = default;
+    Complaints(const Complaints&) = delete;
+    Complaints& operator=(const Complaints&) = delete;
+    ~Complaints() { write(); }
+
+    void add(std::string_view what, std::string_view about) {
+        lines_.append(what).append(about).push_back('\n');
+        if (lines_.size() >= kLimit)
+            write();
+    }
+
+private:
+    static constexpr size_t kLimit = 16384;
+
+    void write() {
+        if (!lines_.empty())
+            std::cerr << lines_ << std::flush;
+        lines_.clear();
+    }
+
+    std::string lines_;
+};
+
 void complain(std::string_view what, std::string_view about) {
-    std::string line;
-    line.reserve(what.size() + about.size() + 1);
-    line.append(what).append(about).push_back('\n');
-    std::cerr << line << std::flush;
+    Complaints().add(what, about);
+}
+
+// iconv_open(3), which takes time that grows with the square of a name's suffixes
+// ("...//IGNORE,IGNORE,..."), for names of up to a length that no charset's comes near.
+iconv_t open_converter(const std::string& to, const std::string& from) {
+    constexpr size_t kLongestName = 256;
+    for (const std::string* name : {&to, &from}) {
+        if (strnlen(name->c_str(), kLongestName + 1) > kLongestName) {
+            errno = EINVAL;
+            return reinterpret_cast<iconv_t>(-1);
+        }
+    }
+    return iconv_open(to.c_str(), from.c_str());
 }
 
 // An iconv descriptor, closed on every path.
 class Converter {
 public:
-    // iconv_open(3) takes the target first.
     Converter(const std::string& to, const std::string& from)
-        : cd_(iconv_open(to.c_str(), from.c_str())) {}
+        : cd_(open_converter(to, from)), has_suffix_(to.find('/') != to.npos) {}
     Converter(const Converter&) = delete;
     Converter& operator=(const Converter&) = delete;
     ~Converter() {
@@ -38,6 +74,9 @@ public:
     }
 
     bool is_open() const { return cd_ != kNone; }
+
+    // Whether the target may be one of "...//IGNORE" or "...//TRANSLIT".
+    bool has_suffix() const { return has_suffix_; }
 
     // What iconv_close(3) returns; the descriptor is gone in either case.
     int close() {
@@ -58,7 +97,50 @@ private:
     inline static const iconv_t kNone = reinterpret_cast<iconv_t>(-1);
 
     iconv_t cd_;
+    bool has_suffix_;
 };
+
+// How much of the text one iconv call is shown. What iconv has read ahead of an invalid sequence or
+// of a full buffer it reads again in the next call, so a window is small enough to seldom fill the
+// buffer, and smaller still where the text is bad. With a suffix on the target the result depends
+// on how the text is cut up, so there each call is shown all that is left.
+constexpr size_t kWindow = 1024;
+constexpr size_t kWindowAfterInvalid = 16;
+
+// Appends `text`, recoded, to `result`. Returns 0, or the `errno` of the call that ended it.
+int recode(Converter& converter, const std::string& text, bool skip_invalid, std::string& result) {
+    std::array<char, 4096> buffer;
+    char* in = const_cast<char*>(text.data()); // iconv(3) reads it only
+    size_t in_left = text.size();
+    size_t window = kWindow;
+    while (in_left != 0) {
+        const size_t shown = converter.has_suffix() ? in_left : std::min(window, in_left);
+        size_t shown_left = shown;
+        char* out = buffer.data();
+        size_t out_left = buffer.size();
+        const int error = converter.convert(in, shown_left, out, out_left);
+        const bool moved = shown_left < shown;
+        in_left -= shown - shown_left;
+        result.append(buffer.data(), buffer.size() - out_left);
+
+        if (error == EILSEQ && skip_invalid) {
+            // Targets such as "...//IGNORE" report it with nothing left to step over.
+            if (in_left == 0)
+                break;
+            ++in;
+            --in_left;
+            result.push_back('?');
+            window = kWindowAfterInvalid;
+        } else if (error == EINVAL && shown_left < in_left) { // the window's end cut a sequence
+            window = moved ? kWindow : 2 * shown;
+        } else if ((error == 0 || error == E2BIG) && moved) {
+            window = std::min(2 * window, kWindow);
+        } else {
+            return error != 0 ? error : EINVAL; // a call that did not move never would
+        }
+    }
+    return 0;
+}
 
 } // namespace
 
@@ -70,25 +152,10 @@ std::string iconvRecode(const std::string& text, const std::string& from, const 
 
     std::string result;
     result.reserve(text.size());
-    std::array<char, 4096> buffer;
-    char* in = const_cast<char*>(text.data()); // iconv(3) reads it only
-    size_t in_left = text.size();
-    while (in_left != 0) {
-        const size_t in_before = in_left;
-        char* out = buffer.data();
-        size_t out_left = buffer.size();
-        const int error = converter.convert(in, in_left, out, out_left);
-        // A call that fills the buffer or succeeds without taking any input would do so for ever.
-        const bool goes_on = (error == 0 || error == E2BIG) && in_left < in_before;
-        if (!goes_on && !(error == EILSEQ && skipInvalid))
-            throw std::runtime_error("Conversion from " + from + " to " + to);
-        result.append(buffer.data(), buffer.size() - out_left);
-        // Targets such as "...//IGNORE" report EILSEQ with no input left: nothing to step over.
-        if (error == EILSEQ && in_left != 0) {
-            ++in;
-            --in_left;
-            result.push_back('?');
-        }
+    const int error = recode(converter, text, skipInvalid, result);
+    if (error != 0) {
+        errno = error;
+        throw std::runtime_error("Conversion from " + from + " to " + to);
     }
     // "utf-8" is part of the text, whatever the target was.
     if (converter.close() == -1)
@@ -117,14 +184,14 @@ constexpr std::array<std::uint8_t, 256> kBase64Values = [] {
 
 // The value of the next symbol at `pos`, which moves behind it and behind all that is skipped
 // before it. At the end of the text and at "=" the value is 0 and `pos` stays there.
-unsigned base64Take(const std::string& text, size_t& pos) {
+unsigned base64Take(const std::string& text, size_t& pos, Complaints& complaints) {
     while (pos < text.size() && text[pos] != '=') {
         const char symbol = text[pos++];
         const unsigned value = kBase64Values[static_cast<unsigned char>(symbol)];
         if (value < kBlank)
             return value;
         if (value == kBad)
-            complain("Bad base64 symbol: ", std::string_view(&symbol, 1));
+            complaints.add("Bad base64 symbol: ", std::string_view(&symbol, 1));
     }
     return 0;
 }
@@ -134,13 +201,14 @@ unsigned base64Take(const std::string& text, size_t& pos) {
 std::string base64_decode(const std::string& text) {
     std::string result;
     result.reserve(text.size() / 4 * 3 + 3);
+    Complaints complaints;
     size_t pos = 0;
     while (true) {
         const size_t start = pos;
-        const unsigned s0 = base64Take(text, pos);
-        const unsigned s1 = base64Take(text, pos);
-        const unsigned s2 = base64Take(text, pos);
-        const unsigned s3 = base64Take(text, pos);
+        const unsigned s0 = base64Take(text, pos, complaints);
+        const unsigned s1 = base64Take(text, pos, complaints);
+        const unsigned s2 = base64Take(text, pos, complaints);
+        const unsigned s3 = base64Take(text, pos, complaints);
         const size_t consumed = pos - start;
         if (consumed == 0)
             return result;
@@ -157,25 +225,26 @@ namespace {
 
 // The byte that "=" and the up to two bytes `digits` behind it stand for. strtoul decides: a sign,
 // white space and "0x" are taken as it takes them, and what it can't read is the byte 0.
-char hex_byte(std::string_view digits) {
+char hex_byte(std::string_view digits, Complaints& complaints) {
     std::array<char, 3> buffer{};
     digits.copy(buffer.data(), 2);
     char* end = nullptr;
     const unsigned long value = std::strtoul(buffer.data(), &end, 16);
     if (end == buffer.data() && buffer[0] != '\0')
-        complain("Bad hex in quoted-printable string: ", buffer.data());
+        complaints.add("Bad hex in quoted-printable string: ", buffer.data());
     return static_cast<char>(value & 0xFF);
 }
 
 std::string qp_decode(std::string_view data) {
     std::string result;
     result.reserve(data.size());
+    Complaints complaints;
     for (size_t pos = 0; pos < data.size(); ++pos) {
         if (data[pos] == '_') {
             result.push_back(' ');
         } else if (data[pos] == '=') {
             const std::string_view digits = data.substr(pos + 1, 2);
-            result.push_back(hex_byte(digits));
+            result.push_back(hex_byte(digits, complaints));
             pos += digits.size();
         } else {
             result.push_back(data[pos]);

@@ -1,7 +1,7 @@
-// Reads a mail on standard input and shows how GMime, an independent parser, takes its header block:
-// a line "header NAME: VALUE" for each field and a line "warning CODE OFFSET" for each complaint of the
-// parser, control characters in a value written as \xNN. Ends with status 1 when there was a complaint
-// or no message at all.
+// Reads a mail on standard input and shows how GMime, an independent parser, takes its header
+// block: a line "header NAME: VALUE" for each field and a line "warning CODE OFFSET" for each
+// complaint of the parser, control characters in a value written as \xNN. Ends with status 1 when
+// there was a complaint or no message at all.
 
 #include <gmime/gmime.h>
 #include <unistd.h>

@@ -1,11 +1,15 @@
 """Starts the program under test and gathers everything that a run leaves to see."""
 
 import dataclasses
+import fcntl
 import os
 import pathlib
 import re
+import shutil
 import signal
+import struct
 import subprocess
+import termios
 import threading
 import time
 
@@ -21,10 +25,10 @@ MESSAGE = (b"From: Sam Sender <sam@sender.example>\n"
            b"Date: Mon, 02 Jun 2025 10:00:00 +0200\n"
            b"\n"
            b"When are you open?\n")
-SANITIZED = os.environ.get("QRX_SANITIZED", "0") not in ("", "0", "OFF")
-# What /tmp shows from the start: the way to a checkout that lies below it.
+# How the program was built: ctest says so; by hand the preset does.
+SANITIZED = os.environ.get("QRX_PRESET") == "asan" or os.environ.get("QRX_SANITIZED") == "1"
+COVERAGE = os.environ.get("QRX_PRESET") == "coverage" or os.environ.get("QRX_COVERAGE") == "1"
 _TMP = pathlib.Path("/tmp")
-_OF_THE_SANDBOX = frozenset(os.listdir(_TMP))
 _RUNS = pathlib.Path("/sandbox/runs")
 
 
@@ -75,9 +79,9 @@ class Running:
         self._started = time.monotonic()
         self.process = subprocess.Popen(
             command, stdin=streams[0], stdout=streams[1], stderr=streams[2], cwd=cwd,
-            env=_environment(recipient, env, strace), preexec_fn=self._close_streams)
+            env=_environment(recipient, env, strace, user), preexec_fn=self._close_streams)
         if chunks is not None:
-            threading.Thread(target=_feed, args=(self.process.stdin, chunks), daemon=True).start()
+            threading.Thread(target=_feed, args=(self.process, chunks), daemon=True).start()
         for stream in streams:
             if hasattr(stream, "close") and stream not in (stdin, stdout, stderr):
                 stream.close()
@@ -100,8 +104,10 @@ class Running:
 
     def kill_all(self):
         """Ends the program and every process that came since it was started."""
-        for pid in process_ids() - self._others:
-            _kill(pid)
+        while left := process_ids() - self._others:
+            for pid in left:
+                _kill(pid)
+            time.sleep(0.001)
         self.process.wait()
 
     def _stream(self, given, name, content=b""):
@@ -162,17 +168,16 @@ def temporary_files():
     """All that lies in /tmp, by name; a folder or the like has no content."""
     found = []
     for path in sorted(_TMP.iterdir()):
-        if path.name not in _OF_THE_SANDBOX:
-            name = re.sub(r"^(qrx-[a-z-]+-)[A-Za-z0-9]{6}$", r"\1XXXXXX", path.name)
-            content = path.read_bytes() if path.is_file() and not path.is_symlink() else b""
-            found.append(TemporaryFile(name, str(path), content, path.lstat().st_mode & 0o7777))
+        name = re.sub(r"^(qrx-[a-z-]+-)[A-Za-z0-9]{6}$", r"\1XXXXXX", path.name)
+        content = path.read_bytes() if path.is_file() and not path.is_symlink() else b""
+        found.append(TemporaryFile(name, str(path), content, path.lstat().st_mode & 0o7777))
     return found
 
 
 def empty_tmp():
     for file in temporary_files():
         if os.path.isdir(file.path) and not os.path.islink(file.path):
-            subprocess.run(["rm", "-rf", "--one-file-system", file.path], check=True)
+            shutil.rmtree(file.path)
         else:
             os.unlink(file.path)
 
@@ -191,12 +196,14 @@ class SmallTmp:
         linux.unmount(_TMP)
 
 
-def _environment(recipient, extra, strace):
+def _environment(recipient, extra, strace, user):
     variables = {"PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
                  "RESP_RECIPIENT": recipient,
                  # Leaks can't be looked for under ptrace(2), which LeakSanitizer uses itself.
                  "ASAN_OPTIONS": f"detect_leaks={int(strace is None)}" if SANITIZED else None,
                  "UBSAN_OPTIONS": "print_stacktrace=1" if SANITIZED else None,
+                 # Another user can't write the counters beside the objects, and would say so.
+                 "GCOV_PREFIX": f"{sandbox.SPOOL}/.counters" if COVERAGE and user is not None else None,
                  **(extra or {})}
     return {name: value for name, value in variables.items() if value is not None}
 
@@ -206,20 +213,26 @@ def _as_user(user):
 
 
 def _limited(rlimits):
-    return ["prlimit", *(f"--{name}={limit}" for name, limit in rlimits.items())] if rlimits else []
+    """Soft limits, so that the recorder can lift them for itself."""
+    return ["prlimit", *(f"--{name}={limit}:" for name, limit in rlimits.items())] if rlimits else []
 
 
 def _named(argv0):
     return [] if argv0 is None else ["bash", "-c", 'exec -a "$0" "$@"', argv0]
 
 
-def _feed(pipe, chunks):
-    """Writes the chunks one by one, each long enough after the last to be read by itself."""
+def _feed(process, chunks):
+    """Writes the chunks one by one, each once the last has been read, so that each is read by itself."""
     try:
-        for chunk in chunks:
-            pipe.write(chunk)
-            pipe.flush()
-            time.sleep(0.02)
-        pipe.close()
+        with process.stdin as pipe:
+            for chunk in chunks:
+                pipe.write(chunk)
+                pipe.flush()
+                while _unread(pipe) and process.returncode is None:
+                    time.sleep(0.001)
     except BrokenPipeError:
-        pass
+        pass  # the program doesn't want more
+
+
+def _unread(pipe):
+    return struct.unpack("i", fcntl.ioctl(pipe, termios.FIONREAD, b"\0" * 4))[0]

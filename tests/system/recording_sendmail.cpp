@@ -1,11 +1,13 @@
-// The sandbox's /usr/sbin/sendmail: records how it was called and what it was given, and then behaves
-// as the test wants.
+// The sandbox's /usr/sbin/sendmail: records how it was called and what it was given, and then
+// behaves as the test wants.
 //
 // Each call gets a folder /sandbox/spool/NNNN, numbered in the order of the calls, with the files
 //   argv   the arguments, each ended by a NUL byte
 //   stdin  the bytes of standard input as far as they were read
-//   info   lines "name value": what the call inherited, and its times (CLOCK_MONOTONIC, nanoseconds)
-// While the call is under way the folder is named NNNN.open; the renaming is what makes it complete.
+//   info   lines "name value": what the call inherited, and its times (CLOCK_MONOTONIC,
+//   nanoseconds)
+// While the call is under way the folder is named NNNN.open; the renaming is what makes it
+// complete. Names that begin with a dot are the recorder's own.
 //
 // What it does stands in /sandbox/sendmail.control: for each call a block of lines, the blocks
 // separated by an empty line; the last block holds for all later calls too. Each line is one step:
@@ -18,8 +20,8 @@
 //   stop          stop by SIGSTOP, and go on when continued
 //   signal N      end by signal N
 //   exit N        end with status N
-// A block that runs out of steps ends with status 0. Without the file, or with an empty block, the call
-// reads all of its input. The record is complete before a call ends or stops.
+// A block that runs out of steps ends with status 0. Without the file, or with an empty block, the
+// call reads all of its input. The record is complete before a call ends or stops.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -155,6 +157,7 @@ public:
         info_ = open_file("info");
         write_all(info_, inherited);
         stdin_ = open_file("stdin");
+        rename_folder(".open");
     }
 
     unsigned number() const { return number_; }
@@ -168,10 +171,7 @@ public:
         }
         completed_ = true;
         write_all(info_, "end_ns " + now() + "\n");
-        const std::string final_name = folder_.substr(0, folder_.rfind('.'));
-        if (rename(folder_.c_str(), final_name.c_str()) != 0) {
-            die(final_name);
-        }
+        rename_folder("");
     }
 
 private:
@@ -190,7 +190,8 @@ private:
         number_ = static_cast<unsigned>(std::atoi(text)) + 1;
         char padded[16];
         std::snprintf(padded, sizeof padded, "%04u", number_);
-        folder_ = std::string(kSpool) + "/" + padded + ".open";
+        base_name_ = padded;
+        folder_ = std::string(kSpool) + "/." + base_name_;
         if (mkdir(folder_.c_str(), 0777) != 0) {
             die(folder_);
         }
@@ -198,6 +199,14 @@ private:
             die(name);
         }
         close(fd);
+    }
+
+    void rename_folder(const char* suffix) {
+        const std::string name = std::string(kSpool) + "/" + base_name_ + suffix;
+        if (rename(folder_.c_str(), name.c_str()) != 0) {
+            die(name);
+        }
+        folder_ = name;
     }
 
     int open_file(const char* name) const {
@@ -216,6 +225,7 @@ private:
     }
 
     unsigned number_ = 0;
+    std::string base_name_;
     std::string folder_;
     int info_ = -1;
     int stdin_ = -1;
@@ -323,7 +333,8 @@ void take_step(Record& record, const std::string& line) {
     }
 }
 
-// The program may run under limits that a test has set; the recorder's own work must not fail by them.
+// The program may run under limits that a test has set; the recorder's own work must not fail by
+// them.
 void lift_limits() {
     for (const auto limit : {RLIMIT_FSIZE, RLIMIT_NOFILE, RLIMIT_AS, RLIMIT_DATA}) {
         const rlimit none{RLIM_INFINITY, RLIM_INFINITY};

@@ -1,11 +1,12 @@
-"""Runs unittest cases and reports them as GoogleTest does: on failure in full, and as JSON where asked for."""
+"""Runs unittest cases and reports them as GoogleTest does: on failure in full, and as XML where asked for."""
 
-import json
 import os
 import pathlib
+import sys
 import time
 import traceback
 import unittest
+import xml.etree.ElementTree
 
 
 class _Collector(unittest.TestResult):
@@ -17,17 +18,20 @@ class _Collector(unittest.TestResult):
 
     def startTest(self, test):
         super().startTest(test)
-        self.records[test.id()] = {"started": time.monotonic(), "failures": [], "skipped": None}
+        self._record(test)["started"] = time.monotonic()
 
     def stopTest(self, test):
         super().stopTest(test)
-        record = self.records[test.id()]
+        record = self._record(test)
         record["seconds"] = time.monotonic() - record["started"]
+
+    def _record(self, test):
+        """The case's record; the preparation of a class, which isn't a case, has one too when it fails."""
+        return self.records.setdefault(test.id(), {"seconds": 0, "failures": [], "skipped": None})
 
     def _fail(self, test, error):
         text = "".join(traceback.format_exception(*error))
-        record = self.records.setdefault(test.id(), {"seconds": 0, "failures": [], "skipped": None})
-        record["failures"].append(text)
+        self._record(test)["failures"].append(text)
         print(f"FAILED {test.id()}\n{text}", flush=True)
 
     def addFailure(self, test, error):
@@ -46,44 +50,45 @@ class _Collector(unittest.TestResult):
 
     def addSkip(self, test, reason):
         super().addSkip(test, reason)
-        self.records[test.id()]["skipped"] = reason
+        self._record(test)["skipped"] = reason
         print(f"SKIPPED {test.id()}: {reason}", flush=True)
 
     def addUnexpectedSuccess(self, test):
         super().addUnexpectedSuccess(test)
-        self.records[test.id()]["failures"].append("passed against expectation")
+        self._record(test)["failures"].append("passed against expectation")
 
 
 def run(name, suite):
-    """Runs the suite and returns the exit status: 0 when at least one case was run and none failed."""
+    """Runs the suite and returns the exit status: 1 when a case failed, else 0."""
+    sys.stdout.reconfigure(errors="backslashreplace")  # whatever bytes a failure shows
     collector = _Collector()
     suite.run(collector)
     records = collector.records
     failed = sum(bool(record["failures"]) for record in records.values())
     skipped = sum(record["skipped"] is not None for record in records.values())
     print(f"{name}: {len(records) - failed - skipped} passed, {failed} failed, {skipped} skipped")
-    _write_json(name, records)
-    if not records:
-        print(f"{name}: no such case")
-    return 0 if records and not failed else 1
-
-
-def _write_json(name, records):
     output = os.environ.get("GTEST_OUTPUT", "")
-    if not output.startswith("json:"):
-        return
-    folder = pathlib.Path(output.removeprefix("json:"))
+    if output.startswith("xml:"):
+        _write_xml(pathlib.Path(output.removeprefix("xml:")), name, records)
+    return 1 if failed else 0
+
+
+def _write_xml(folder, name, records):
+    root = xml.etree.ElementTree.Element("testsuites", tests=str(len(records)), name=name)
+    suite = xml.etree.ElementTree.SubElement(root, "testsuite", name=name)
+    for case, record in records.items():
+        shown = xml.etree.ElementTree.SubElement(
+            suite, "testcase", name=case.partition(".")[2], status="run", time=f"{record['seconds']:.3f}",
+            result="completed" if record["skipped"] is None else "skipped")
+        for text in record["failures"]:
+            xml.etree.ElementTree.SubElement(shown, "failure", message=_printable(text))
+        if record["skipped"] is not None:
+            xml.etree.ElementTree.SubElement(shown, "skipped", message=_printable(record["skipped"]))
     folder.mkdir(parents=True, exist_ok=True)
-    cases = [_as_googletest(case, record) for case, record in records.items()]
-    document = {"tests": len(cases), "name": name, "testsuites": [{"name": name, "testsuite": cases}]}
-    (folder / f"{name}.json").write_text(json.dumps(document, indent=1))
+    xml.etree.ElementTree.ElementTree(root).write(folder / f"{name}.xml", encoding="utf-8",
+                                                  xml_declaration=True)
 
 
-def _as_googletest(case, record):
-    shown = {"name": case, "status": "RUN", "time": f"{record['seconds']:.3f}s",
-             "result": "COMPLETED" if record["skipped"] is None else "SKIPPED"}
-    if record["failures"]:
-        shown["failures"] = [{"failure": text} for text in record["failures"]]
-    if record["skipped"] is not None:
-        shown["skipped"] = [{"message": record["skipped"]}]
-    return shown
+def _printable(text):
+    """Without the control characters and lone surrogates that XML can't hold."""
+    return "".join(c if c.isprintable() or c == "\n" else ascii(c)[1:-1] for c in text)

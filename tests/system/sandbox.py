@@ -3,7 +3,8 @@
 The command sees the host read-only, but for these places of its own on a memory file system:
 /tmp, /etc/qrx, /usr/sbin/sendmail (the recorder), /var/qmail, /run with a MariaDB server of its own
 behind /run/mysqld/mysqld.sock, and /sandbox with what the recorder and the server keep. The checkout's
-build folder stays writable. There is no network but a loopback device that is down, and no process
+build folder stays writable; a checkout below /tmp, which tests empty, is seen at /sandbox/checkout, and
+its path in the command and in the environment is changed accordingly. There is no network but a loopback device that is down, and no process
 of the host can be seen. When the command ends, or the process that called run() does, by whatever
 signal, the kernel ends all that is left and everything private is gone.
 
@@ -12,7 +13,9 @@ Works as root and as an ordinary user (who is root inside, by a user namespace);
 
 import os
 import pathlib
+import re
 import resource
+import select
 import shutil
 import signal
 import subprocess
@@ -23,6 +26,7 @@ import server
 
 CHECKOUT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = CHECKOUT / "build"
+_SEEN_AT = pathlib.Path("/sandbox/checkout") if CHECKOUT.is_relative_to("/tmp") else CHECKOUT
 PROGRAM = "/sandbox/autoresponder"
 GMIME_HEADERS = "/sandbox/gmime_headers"
 RECORDER = "/sandbox/recording_sendmail"
@@ -45,9 +49,11 @@ def run(command):
     """Runs the command, a list of strings, in a new sandbox and returns its exit status; 128 + N for signal N."""
     programs = _programs_under_test()
     _enter_namespaces()
+    lifeline, held_open = os.pipe()  # reads as ended once this process has ended
     child = os.fork()
     if child == 0:
-        _as_first_process(command, programs)
+        os.close(held_open)
+        _as_first_process(command, programs, lifeline)
     # A signal from the terminal reaches the command as well, and it decides what to make of it.
     signal.signal(signal.SIGINT, _ignore)
     signal.signal(signal.SIGQUIT, _ignore)
@@ -104,16 +110,20 @@ def _advice(error, uid):
     return f"the kernel refuses private namespaces ({error.strerror}); {remedy}"
 
 
-def _as_first_process(command, programs):
+def _as_first_process(command, programs, lifeline):
     """The first process of the process namespace: when it ends, the kernel kills all others."""
     status = 125
     try:
+        signal.signal(signal.SIGINT, signal.default_int_handler)
         linux.die_with_parent(signal.SIGKILL)
+        if select.select([lifeline], [], [], 0)[0]:
+            return  # the parent ended before it could be watched
         folder = os.getcwd()
         _build_root(programs)
+        folder = _as_seen_inside(folder)
         os.chdir(folder if os.path.isdir(folder) else "/")
-        server.start()
-        status = _run_command(command)
+        server.start(_SEEN_AT)
+        status = _run_command([_as_seen_inside(word) for word in command])
     except KeyboardInterrupt:
         status = 128 + signal.SIGINT
     except (OSError, server.Failed) as error:
@@ -130,7 +140,8 @@ def _run_command(command):
     signal.signal(signal.SIGINT, _ignore)
     signal.signal(signal.SIGQUIT, _ignore)
     try:
-        main = subprocess.Popen(command, env={**os.environ, "QRX_SANDBOX": "1"})
+        variables = {name: _as_seen_inside(value) for name, value in os.environ.items()}
+        main = subprocess.Popen(command, env={**variables, "QRX_SANDBOX": "1"})
     except OSError as error:
         print(f"in_sandbox: {command[0]}: {error.strerror}", file=sys.stderr)
         return 127
@@ -181,7 +192,10 @@ def _show_read_only(host, inside):
 
 def _link_all(host, aside, inside, leave_out):
     """Fills the folder inside with links to the entries of the host's folder, which is shown aside."""
-    (aside).mkdir()
+    nested = f"/sandbox/{aside.name}"
+    if os.path.isdir(nested):
+        host = nested  # where this host is a sandbox, its folder is such links itself
+    aside.mkdir()
     _show_read_only(host, aside)
     for name in os.listdir(host):
         if name not in leave_out:
@@ -217,17 +231,21 @@ def _show_programs(root, programs):
         if os.path.isfile(host):
             place = root / inside.lstrip("/")
             place.touch()
-            linux.bind(host, place)
+            _show_read_only(host, place)
 
 
 def _show_checkout(root):
-    """The checkout where it is on the host, also when that is a place that is private; its build folder writable."""
+    """The checkout, read-only but for its build folder."""
     BUILD.mkdir(exist_ok=True)
-    inside = root / str(CHECKOUT).lstrip("/")
+    inside = root / str(_SEEN_AT).lstrip("/")
     if not inside.is_dir():
         inside.mkdir(parents=True)
         _show_read_only(CHECKOUT, inside)
-    linux.bind(BUILD, root / str(BUILD).lstrip("/"))
+    linux.bind(BUILD, inside / "build")
+
+
+def _as_seen_inside(text):
+    return re.sub(re.escape(str(CHECKOUT)) + r"(?![\w.-])", str(_SEEN_AT), text)
 
 
 def replace_sendmail(content=None):

@@ -18,9 +18,8 @@ ADMIN_PASSWORD = "sandbox-admin"
 SOCKET = "/run/mysqld/mysqld.sock"
 DATA = "/sandbox/data"
 LOG = "/sandbox/mariadbd.log"
-_PID_FILE = "/sandbox/mariadbd.pid"
-_HERE = pathlib.Path(__file__).resolve().parent
-_CACHE = _HERE.parents[1] / "build" / "sandbox"
+PID_FILE = "/sandbox/mariadbd.pid"
+_CHECKOUT = pathlib.Path(__file__).resolve().parents[2]
 _SERVER = "/usr/sbin/mariadbd"
 _PATIENCE_SECONDS = 60
 
@@ -46,14 +45,17 @@ class Failed(Exception):
     """The server or its data folder can't be had; the text says why."""
 
 
-def start():
-    """Starts the server on the data folder, a fresh copy unless there is one, and returns when it answers."""
+def start(checkout=_CHECKOUT):
+    """Starts the server on the data folder, a fresh copy unless there is one, and returns when it answers.
+
+    checkout: where the checkout is now
+    """
     if not os.path.isdir(DATA):
-        shutil.copytree(_template(), DATA)
+        shutil.copytree(_template(checkout), DATA)
     with open(LOG, "ab") as log:
         process = subprocess.Popen(
             [_SERVER, "--no-defaults", "--user=root", f"--datadir={DATA}", f"--socket={SOCKET}",
-             f"--pid-file={_PID_FILE}", *_FILES, *_QUICK],
+             f"--pid-file={PID_FILE}", *_FILES, *_QUICK],
             stdin=subprocess.DEVNULL, stdout=log, stderr=log, start_new_session=True)
     deadline = time.monotonic() + _PATIENCE_SECONDS
     while not _answers():
@@ -73,7 +75,7 @@ def stop():
         if time.monotonic() > deadline:
             raise Failed("the database server doesn't stop:\n" + pathlib.Path(LOG).read_text())
         time.sleep(0.002)
-    for leftover in (_PID_FILE, SOCKET):
+    for leftover in (PID_FILE, SOCKET):
         pathlib.Path(leftover).unlink(missing_ok=True)
 
 
@@ -87,7 +89,7 @@ def restore():
 def process_id():
     """The server's process id, or None when it doesn't run."""
     try:
-        return int(pathlib.Path(_PID_FILE).read_text())
+        return int(pathlib.Path(PID_FILE).read_text())
     except FileNotFoundError:
         return None
 
@@ -113,15 +115,15 @@ def _answers():
 # The template
 
 
-def _template():
+def _template(checkout):
     """The data folder to copy; makes it when it isn't there yet."""
-    schema = (_HERE / "schema.sql").read_text() + _USER
+    schema = (checkout / "tests/system/schema.sql").read_text() + _USER
     version = subprocess.run([_SERVER, "--no-defaults", "--version"], stdin=subprocess.DEVNULL,
                              capture_output=True, check=True, text=True).stdout
     key = hashlib.sha256("\n".join([schema, version, *_FILES]).encode()).hexdigest()[:16]
-    place = _CACHE / f"data-{key}"
-    _CACHE.mkdir(parents=True, exist_ok=True)
-    with open(_CACHE / "lock", "w") as lock:
+    place = checkout / "build/sandbox" / f"data-{key}"
+    place.parent.mkdir(parents=True, exist_ok=True)
+    with open(place.with_name("lock"), "a") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)  # of two sandboxes that start at once, one makes it
         if not place.is_dir():
             _make_template(place, schema)
@@ -129,11 +131,11 @@ def _template():
 
 
 def _make_template(place, schema):
-    for old in _CACHE.glob("data-*"):
+    for old in place.parent.glob("data-*"):
         shutil.rmtree(old)
     unfinished = place.with_name("unfinished")
     shutil.rmtree(unfinished, ignore_errors=True)
-    extra = _CACHE / "tables.sql"
+    extra = place.with_name("tables.sql")
     extra.write_text(schema)
     made = subprocess.run(
         ["mariadb-install-db", "--no-defaults", f"--datadir={unfinished}", "--user=root",

@@ -46,8 +46,12 @@ def empty():
 
 def mails(after=0):
     """The calls in their order, without the first ones up to number `after`."""
-    folders = sorted(entry for entry in _SPOOL.iterdir() if entry.is_dir())
-    return [mail for mail in map(_mail, folders) if mail.number > after]
+    while True:
+        folders = sorted(entry for entry in _SPOOL.iterdir() if not entry.name.startswith("."))
+        try:
+            return [mail for mail in map(_mail, folders) if mail.number > after]
+        except FileNotFoundError:
+            continue  # a call ended meanwhile, so its folder has another name now
 
 
 def _mail(folder):

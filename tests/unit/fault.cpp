@@ -3,7 +3,9 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstddef>
+#include <dlfcn.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -26,7 +28,7 @@ struct Fault {
     int error;
     int times;
 };
-Fault faults[5];
+Fault faults[6];
 
 bool strikes(fault::Call call) {
     Fault& fault = faults[static_cast<size_t>(call)];
@@ -68,6 +70,11 @@ void* realloc(void* block, size_t size) noexcept {
 }
 #endif
 
+pid_t fork() noexcept {
+    using Function = pid_t (*)();
+    return strikes(Call::fork) ? -1 : reinterpret_cast<Function>(dlsym(RTLD_NEXT, "fork"))();
+}
+
 ssize_t read(int fd, void* buf, size_t size) {
     return strikes(Call::read) ? -1 : syscall(SYS_read, fd, buf, size);
 }
@@ -93,8 +100,14 @@ int close_range(unsigned first, unsigned last, int flags) noexcept {
 #if defined(QRX_COVERAGE)
 void __gcov_dump(void);
 
-// Children that end without exit(3) have counted too.
+// Children that end without exit(3) have counted too; writing that needs memory and descriptors.
 void _exit(int status) {
+    for (Fault& fault : faults)
+        fault = {};
+    rlimit limit;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
     __gcov_dump();
     syscall(SYS_exit_group, status);
     __builtin_unreachable();

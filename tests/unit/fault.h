@@ -6,7 +6,7 @@
 
 namespace fault {
 
-enum class Call { allocate, read, poll, fcntl, close_range };
+enum class Call { allocate, fork, read, poll, fcntl, close_range };
 
 constexpr int kOnce = 1;
 constexpr int kForGood = -1;

@@ -33,7 +33,9 @@ std::string take(int fd) {
     return text;
 }
 
-[[noreturn]] void run_body(const std::function<std::string()>& body, int out, int err, int result) {
+// An exception from the body ends the process by SIGABRT.
+[[noreturn]] void run_body(const std::function<std::string()>& body, int out, int err,
+                           int result) noexcept {
     dup2(out, STDOUT_FILENO);
     dup2(err, STDERR_FILENO);
     std::signal(SIGPIPE, SIG_IGN);
