@@ -417,7 +417,7 @@ std::string quoted_printable_naively(const std::string& text) {
         std::string line_end;
         if (line.back() == '\n') {
             line.pop_back();
-            line_end = "\n";
+            line_end.push_back('\n');
         }
         while (!line.empty() && one_of(line.back(), " \t\r"))
             line.pop_back();

@@ -11,7 +11,7 @@ std::string list_text(const std::vector<AddressRecord>& list) {
     for (const AddressRecord& address : list) {
         text += address.group ? " group" : address.mailbox ? " mailbox" : " neither";
         text += address.valid ? " valid " : " invalid ";
-        text += quoted(address.local) + " at " + quoted(address.domain) + ";";
+        text += printable(address.local) + " at " + printable(address.domain) + ";";
     }
     return text + "\n";
 }
@@ -20,16 +20,16 @@ std::string entity_text(const char* name, const EntityRecord& entity) {
     std::string text = std::string(name) + ": type " + entity.type.value_or("absent") +
                        ", encoding " + entity.cte.value_or("absent") + "\n";
     for (const auto& [attribute, value] : entity.params)
-        text += "  parameter " + quoted(attribute) + " = " + quoted(value) + "\n";
-    text += "  body " + quoted(entity.body) + "\n";
+        text += "  parameter " + printable(attribute) + " = " + printable(value) + "\n";
+    text += "  body " + printable(entity.body) + "\n";
     if (entity.decoded != entity.body)
-        text += "  decoded " + quoted(entity.decoded) + "\n";
+        text += "  decoded " + printable(entity.decoded) + "\n";
     return text;
 }
 
 } // namespace
 
-std::string quoted(const std::string& bytes) {
+std::string printable(const std::string& bytes) {
     constexpr size_t kMost = 2000;
     std::string text = "'";
     for (size_t i = 0; i < bytes.size(); ++i) {
@@ -55,9 +55,9 @@ std::string to_text(const MessageRecord& record) {
     if (record.from)
         text += "from:" + list_text(*record.from);
     if (record.subject)
-        text += "subject: " + quoted(*record.subject) + "\n";
+        text += "subject: " + printable(*record.subject) + "\n";
     if (record.date)
-        text += "date: " + quoted(*record.date) + "\n";
+        text += "date: " + printable(*record.date) + "\n";
     text += entity_text("message", record.top);
     for (const EntityRecord& part : record.parts)
         text += entity_text("part", part);

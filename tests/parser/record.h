@@ -38,7 +38,7 @@ struct MessageRecord {
 };
 
 // Printable ASCII as it is, everything else as \xNN; long texts are cut in the middle.
-std::string quoted(const std::string& bytes);
+std::string printable(const std::string& bytes);
 
 // One line a value.
 std::string to_text(const MessageRecord& record);

@@ -37,3 +37,7 @@ foreach(name intake_test intake_body_test)
     qrx_sandbox_unit_test(${name} sandbox_test_support)
     target_sources(${name} PRIVATE support/taken_in.cpp)
 endforeach()
+
+qrx_sandbox_unit_test(responder_test spawned_test_support panel_test_support quarx_log)
+qrx_isolate(responder_test)
+qrx_wrap(responder_test malloc)
