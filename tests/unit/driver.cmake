@@ -11,6 +11,7 @@ add_library(panel_test_support STATIC support/panel.cpp)
 target_link_libraries(panel_test_support PUBLIC sandbox_test_support)
 qrx_sandbox_unit_test(frequency_test panel_test_support)
 qrx_sandbox_unit_test(mailbox_test panel_test_support)
+qrx_sandbox_unit_test(panel_query_test panel_test_support)
 
 add_library(spawned_test_support STATIC support/spawned.cpp)
 target_link_libraries(spawned_test_support PUBLIC qrx_build_flags)

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <initializer_list>
 #include <new>
 #include <unistd.h>
 
@@ -233,7 +234,7 @@ TEST_F(ResponderTest, NamesAreEscapedForTheDatabase) {
 // The end by correct_exit
 
 TEST_F(ResponderTest, NoRoomForAnEscapedNameEndsTheRunBeforeConnecting) {
-    for (const size_t length : {5000, 6000}) {
+    for (const size_t length : std::initializer_list<size_t>{5000, 6000}) {
         content.domain = std::string(5000, 'd');
         content.mailname = std::string(6000, 'm');
         const isolated::Outcome outcome = isolated::run([&] {
