@@ -22,10 +22,13 @@ class CopyFails(FaultTest):
         self.assert_done(result, forwarded(text), NOTIFICATION, REPLY)
 
     def test_its_first_block_cannot_be_written(self):
-        self.assert_forwarded(self.run_injected("write", "error=ENOSPC:when=1"), b"")
+        number = self.count_calls_to("write", IN_COPY)
+        self.assert_forwarded(self.run_injected("write", f"error=ENOSPC:when={number}"), b"")
 
     def test_nothing_is_written_behind_a_block_that_could_not_be(self):
-        self.assert_forwarded(self.run_injected("write", "error=ENOSPC:when=2", message=LARGE), LARGE[:BLOCK])
+        number = self.count_calls_to("write", IN_COPY, nth=2, message=LARGE)
+        self.assert_forwarded(self.run_injected("write", f"error=ENOSPC:when={number}", message=LARGE),
+                              LARGE[:BLOCK])
 
     def test_it_takes_all_the_room_that_there_is(self):
         """None is left for the reply, which goes out empty."""
@@ -56,7 +59,7 @@ class ResponseFails(FaultTest):
 
     def test_nothing_is_written_behind_a_block_that_could_not_be(self):
         whole = self.large_reply()
-        number = self.count_calls_to("write", IN_RESPONSE) + 1
+        number = self.count_calls_to("write", IN_RESPONSE, nth=2)
         result = self.run_injected("write", f"error=ENOSPC:when={number}")
         sent = result.mails[2].stdin
         self.assertTrue(0 < len(sent) < len(whole))
@@ -93,7 +96,7 @@ class ResponseFails(FaultTest):
         self.assert_files_left(result, copy=FORWARD[1], **files)
 
     def test_whose_it_is_cannot_be_told(self):
-        number = self.count_calls_to(FSTAT, IN_RESPONSE) + 1  # the second look is for its owner
+        number = self.count_calls_to(FSTAT, IN_RESPONSE, nth=2)  # the first is for its size
         result = self.run_injected(FSTAT, f"error=EIO:when={number}")
         self.assert_not_delivered(result, rb"Permission denied \(13\)", response=REPLY[1])
 
@@ -118,7 +121,7 @@ class Interrupted(FaultTest):
 
     def test_each_write(self):
         result = self.run_injected("write", "error=EINTR:when=1+2")
-        self.assertEqual(result.trace.count("EINTR"), 4)  # twice the copy, the notification, the reply
+        self.assertGreaterEqual(result.trace.count("EINTR"), 4)  # twice the copy, the notification, the reply
         self.assert_done(result, *ALL)
 
     def test_each_read_of_an_attachment(self):
