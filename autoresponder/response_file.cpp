@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,6 +21,14 @@ bool is_gone(int fd) {
     return fstat(fd, &status) == 0 && status.st_nlink == 0;
 }
 
+// For a name that is taken by what can't be removed, such as the last reply on a disk that has
+// become read-only: that must not be sent in place of this one.
+UniqueFd take_another_name() {
+    constexpr size_t kMarks = 6;
+    std::memset(resp_uu_file_name + sizeof resp_uu_file_name - 1 - kMarks, 'X', kMarks);
+    return UniqueFd(mkostemp(resp_uu_file_name, O_CLOEXEC));
+}
+
 } // namespace
 
 ResponseFile::ResponseFile() : file_(mkostemp(resp_uu_file_name, O_CLOEXEC)) {}
@@ -27,6 +36,8 @@ ResponseFile::ResponseFile() : file_(mkostemp(resp_uu_file_name, O_CLOEXEC)) {}
 void ResponseFile::open() {
     if (!file_ || is_gone(file_.get()))
         file_ = create_temporary(resp_uu_file_name);
+    if (!file_)
+        file_ = take_another_name();
     restart();
 }
 

@@ -174,7 +174,7 @@ class ExhaustedMemory(SystemTest):
     def test_a_reply_beyond_the_memory_limit(self):
         self.skip_if_sanitized("the sanitizers need more address space than any limit leaves")
         self.sql("alter table mail_resp modify text longblob")
-        self.furnish(text=b"x" * 8000000)
+        self.furnish(text=b"x" * 14000000)
         result = self.run_program(rlimits={"as": 48 * 1024 * 1024}, argv0="autoresponder")
         self.assertEqual(result.status, 1)
         for stream in (result.stderr, result.stdout):
