@@ -1,1 +1,203 @@
-#include "intake.h"
+#include "autoresponder/intake.h"
+
+#include "autoresponder/mail_content.h"
+#include "autoresponder/message_source.h"
+#include "autoresponder/paths.h"
+#include "autoresponder/report.h"
+#include "lib/text/text_encoding.h"
+#include "lib/util/unique_fd.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <unistd.h>
+
+namespace {
+
+constexpr char kDefaultCharset[] = "US-ASCII";
+
+// The text of a message as it came: transfer-decoded, not yet recoded.
+struct TextPart {
+    std::string charset = kDefaultCharset;
+    std::string body;
+};
+
+std::string to_string(const DwString& text) {
+    return std::string(text.data(), text.length());
+}
+
+std::string up_to_nul(std::string text) {
+    text.resize(std::strlen(text.c_str()));
+    return text;
+}
+
+std::unique_ptr<DwMessage> parse(const DwString& text) {
+    std::unique_ptr<DwMessage> message(DwMessage::NewMessage(text, nullptr));
+    message->Parse();
+    return message;
+}
+
+const DwMailbox* find_sender(const DwHeaders& headers) {
+    const DwMailbox* mailbox = nullptr;
+    if (headers.HasReplyTo())
+        mailbox = GetMailboxFromAddressList(headers.ReplyTo());
+    if (mailbox == nullptr && headers.HasFrom())
+        mailbox = GetMailboxFromMailboxList(headers.From());
+    return mailbox;
+}
+
+std::string address_of(const DwMailbox& mailbox) {
+    return up_to_nul(to_string(mailbox.LocalPart())) + "@" + up_to_nul(to_string(mailbox.Domain()));
+}
+
+std::string raw_subject_of(const DwHeaders& headers) {
+    return headers.HasSubject() ? to_string(headers.Subject().AsString()) : std::string();
+}
+
+std::string raw_date_of(const DwHeaders& headers) {
+    return headers.HasDate() ? to_string(headers.Date().AsString()) : std::string();
+}
+
+bool has_type(const DwEntity& entity, int type) {
+    return entity.Headers().HasContentType() && entity.Headers().ContentType().Type() == type;
+}
+
+// The direct part to read of a multipart message, null when none is declared as text.
+const DwEntity* find_text_part(const DwMessage& message) {
+    for (const DwBodyPart* part = message.Body().FirstBodyPart(); part; part = part->Next())
+        if (has_type(*part, DwMime::kTypeText))
+            return part;
+    return nullptr;
+}
+
+TextPart choose_text(const DwMessage& message) {
+    const DwEntity* entity = nullptr;
+    if (!message.Headers().HasContentType() || has_type(message, DwMime::kTypeText))
+        entity = &message;
+    else if (has_type(message, DwMime::kTypeMultipart))
+        entity = find_text_part(message);
+
+    TextPart text;
+    if (entity != nullptr) {
+        DwString body;
+        text.charset = to_string(GetCharset(*entity));
+        text.body = to_string(DecodeBody(*entity, body));
+    }
+    return text;
+}
+
+std::string recode_body(const std::string& body, const std::string& charset) {
+    try {
+        return quarx::iconvRecode(body, charset, "UTF-8", true);
+    } catch (const std::runtime_error&) {
+        report("Could not convert message body text from " + charset + " to UTF-8.");
+        return up_to_nul(body);
+    }
+}
+
+std::string decode_subject(const std::string& raw_subject, const std::string& charset) {
+    try {
+        return quarx::rfc1522::decode(raw_subject);
+    } catch (const std::runtime_error&) {
+        // The body's charset is named, whatever the encoded word says; admins know the line so.
+        report("Could not convert message subject text from " + charset + " to UTF-8.");
+        return std::string();
+    }
+}
+
+// Text behind the last line feed is a line too, also when it is empty.
+std::vector<std::string> split_lines(const std::string& text) {
+    std::vector<std::string> lines;
+    size_t begin = 0;
+    for (size_t end; (end = text.find('\n', begin)) != std::string::npos; begin = end + 1)
+        lines.emplace_back(text, begin, end - begin);
+    lines.emplace_back(text, begin);
+    return lines;
+}
+
+void split_recipient(Mail_content* content) {
+    const size_t at = content->recipient.find('@');
+    content->mailname = content->recipient.substr(0, at);
+    content->domain = content->recipient.substr(at + 1); // npos + 1 is 0: the whole address
+}
+
+} // namespace
+
+const DwMailbox* GetMailboxFromAddressList(const DwAddressList& list) {
+    for (const DwAddress* address = list.FirstAddress(); address; address = address->Next())
+        if (address->IsValid() && !address->IsGroup() && address->IsMailbox())
+            return static_cast<const DwMailbox*>(address);
+    return nullptr;
+}
+
+const DwMailbox* GetMailboxFromMailboxList(const DwMailboxList& list) {
+    for (const DwAddress* mailbox = list.FirstMailbox(); mailbox; mailbox = mailbox->Next())
+        if (mailbox->IsValid())
+            return static_cast<const DwMailbox*>(mailbox);
+    return nullptr;
+}
+
+DwString GetCharset(const DwEntity& entity) {
+    if (entity.Headers().HasContentType()) {
+        const DwMediaType& type = entity.Headers().ContentType();
+        for (const DwParameter* p = type.FirstParameter(); p; p = p->Next()) {
+            DwString attribute = p->Attribute();
+            attribute.ConvertToLowerCase();
+            if (attribute == "charset")
+                return p->Value();
+        }
+    }
+    return DwString(kDefaultCharset);
+}
+
+DwString& DecodeBody(const DwEntity& entity, DwString& out) {
+    const DwString& body = entity.Body().AsString();
+    const int mechanism = entity.Headers().HasContentTransferEncoding()
+                              ? entity.Headers().ContentTransferEncoding().AsEnum()
+                              : static_cast<int>(DwMime::kCteNull);
+    if (mechanism == DwMime::kCteBase64)
+        DwDecodeBase64(body, out);
+    else if (mechanism == DwMime::kCteQuotedPrintable)
+        DwDecodeQuotedPrintable(body, out);
+    else
+        out = body;
+    return out;
+}
+
+int parse_message(Mail_content* content) {
+    UniqueFd copy(mkostemp(mail_file_name, O_CLOEXEC));
+    if (!copy) {
+        report("Could not create a temporary file.");
+        return 1;
+    }
+    DwInitialize();
+    std::unique_ptr<DwMessage> message = parse(read_message(STDIN_FILENO, copy.get()));
+    copy.reset();
+
+    const DwMailbox* sender = find_sender(message->Headers());
+    if (sender == nullptr) {
+        report("Could not get sender's e-mail address from Reply-To: or From: headers.");
+        return 1;
+    }
+    const char* recipient = std::getenv(paths::kRecipientVariable);
+    if (recipient == nullptr) {
+        report("Could not get recipient e-mail address from RESP_RECIPIENT environment variable");
+        return 1;
+    }
+    content->sender = address_of(*sender);
+    content->recipient = recipient;
+    split_recipient(content);
+
+    const std::string raw_subject = raw_subject_of(message->Headers());
+    content->date = raw_date_of(message->Headers());
+    TextPart text = choose_text(*message);
+    message.reset(); // a large message is not held while its body is recoded
+    content->charset = text.charset;
+    text.body = recode_body(text.body, text.charset);
+    content->subject = decode_subject(raw_subject, text.charset);
+    content->body = split_lines(text.body);
+    return 0;
+}

@@ -1,1 +1,103 @@
-#include "responder.h"
+#include "autoresponder/responder.h"
+
+#include "autoresponder/attachments.h"
+#include "autoresponder/delivery.h"
+#include "autoresponder/forward.h"
+#include "autoresponder/frequency.h"
+#include "autoresponder/mail_content.h"
+#include "autoresponder/mailbox.h"
+#include "autoresponder/notify.h"
+#include "autoresponder/panel_query.h"
+#include "autoresponder/reply.h"
+#include "autoresponder/report.h"
+#include "autoresponder/responder_row.h"
+#include "autoresponder/response_file.h"
+#include "lib/db/quarx_db.h"
+#include "lib/text/idn.h"
+#include "lib/util/messlog.h"
+#include "lib/util/owners.h"
+
+#include <cstdlib>
+#include <new>
+#include <stdexcept>
+#include <string>
+
+namespace {
+
+// What every responder of the run shares.
+struct Run {
+    MYSQL* connection;
+    const Mail_content& content;
+    const char* escaped_domain;
+    std::string attachments_directory;
+};
+
+// Room for `text` escaped for SQL. No room ends the run.
+OwnedText escape_buffer(const std::string& text) {
+    OwnedText buffer(static_cast<char*>(std::malloc(text.size() * 2 + 1)));
+    if (!buffer)
+        report_and_exit("autoresponder: Unable to alloc memory");
+    return buffer;
+}
+
+void escape_into(char* buffer, const std::string& text) {
+    mysql_escape_string(buffer, text.data(), text.size());
+}
+
+void answer(const Run& run, const Responder& responder) {
+    const std::string boundary = makeBoundaryStr();
+    ResponseFile file;
+    const Attachments attachments =
+        list_attachments(run.connection, responder.id, run.attachments_directory);
+    if (!attachments.missing.empty())
+        notify_missing_attachments(run.connection, run.content, run.escaped_domain,
+                                   responder.reply_to, attachments.missing);
+    compose_reply(responder, run.content, attachments, boundary, file);
+    deliver_reply(run.content);
+}
+
+void handle_responder(const Run& run, MYSQL_ROW row) {
+    const Responder responder = responder_from_row(row);
+    if (!responder_applies(responder, run.content))
+        return;
+    if (!can_response_freq(run.connection, &run.content, responder.id, responder.ans_freq,
+                           responder.mem_limit))
+        return;
+    forward_message(run.connection, run.content, responder.id);
+    answer(run, responder);
+}
+
+// The panel's reporter ends the process here, so the temporary files stay behind for whoever looks
+// into the failure.
+void handle_or_end_run(const Run& run, MYSQL_ROW row) {
+    try {
+        handle_responder(run, row);
+    } catch (const std::bad_alloc&) {
+        messlog2(1, 1, "Program failed due to exhausted memory");
+    } catch (const std::runtime_error& failure) {
+        messlog2(1, 1, "Send error: %s", failure.what());
+    } catch (const quarx::idn::IdnaError& failure) {
+        messlog2(1, 1, "IDN conversion error: %s", failure.what());
+    }
+}
+
+} // namespace
+
+int db_mail_act(Mail_content* content) {
+    // mysql_escape_string() reads what only the client library's start sets up.
+    mysql_server_init(0, nullptr, nullptr);
+    const OwnedText domain = escape_buffer(content->domain);
+    const OwnedText mailname = escape_buffer(content->mailname);
+    escape_into(domain.get(), content->domain);
+    escape_into(mailname.get(), content->mailname);
+
+    const MysqlConnection connection(db_connect());
+    if (!connection)
+        report_and_exit("autoresponder: Unable to connect to the mysql database ");
+    const Mailbox mailbox = find_mailbox(connection.get(), *content, domain.get(), mailname.get());
+    const Run run{connection.get(), *content, domain.get(), attachments_directory(mailbox)};
+    const MysqlResult responders = query_or_exit(connection.get(), responder_query(mailbox.id));
+    while (const MYSQL_ROW row = mysql_fetch_row(responders.get()))
+        handle_or_end_run(run, row);
+    return 0;
+}

@@ -1,0 +1,54 @@
+#include "autoresponder/response_file.h"
+
+#include "autoresponder/mail_content.h"
+#include "autoresponder/temporary_file.h"
+#include "lib/util/write_all.h"
+
+#include <cstddef>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t kBlockBytes = 65536;
+
+} // namespace
+
+ResponseFile::ResponseFile() : file_(mkostemp(resp_uu_file_name, O_CLOEXEC)) {}
+
+void ResponseFile::open() {
+    if (!file_)
+        file_ = create_temporary(resp_uu_file_name);
+    failed_ = !file_;
+}
+
+void ResponseFile::write(std::string_view text) {
+    pending_ += text;
+    if (pending_.size() >= kBlockBytes)
+        flush();
+}
+
+// After the first failure nothing more is written, so that the file never has a hole in its text.
+void ResponseFile::flush() {
+    failed_ = failed_ || !write_all(file_.get(), pending_.data(), pending_.size());
+    pending_.clear();
+}
+
+std::optional<off_t> ResponseFile::size() const {
+    struct stat status {};
+    if (fstat(file_.get(), &status) != 0)
+        return std::nullopt;
+    return status.st_size;
+}
+
+void ResponseFile::restart() {
+    pending_.clear();
+    failed_ = !file_ || ftruncate(file_.get(), 0) != 0 || lseek(file_.get(), 0, SEEK_SET) != 0;
+}
+
+void ResponseFile::close() {
+    flush();
+    file_.reset();
+}

@@ -1,0 +1,40 @@
+#pragma once
+
+// The temporary file under resp_uu_file_name in which a reply is composed.
+
+#include "lib/util/unique_fd.h"
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <sys/types.h>
+
+// One reply's file. The first reply of a run gives resp_uu_file_name its name; later ones use the
+// name again, each with a file created anew. Failures are not reported: what can't be created or
+// written is missing from the file, and delivery tells about a file that isn't there.
+class ResponseFile {
+public:
+    // Completes the name in place (mkstemp(3)) where that hasn't been done in this run.
+    ResponseFile();
+
+    // Makes the file ready to be written from its beginning.
+    void open();
+
+    // Appends `text`; large blocks reach the file at once, the rest at flush().
+    void write(std::string_view text);
+    void flush();
+
+    // The file's size in bytes after flush(); nothing when it can't be told.
+    std::optional<off_t> size() const;
+
+    // Empties the file for another text.
+    void restart();
+
+    // Flushes and closes; the file stays under its name.
+    void close();
+
+private:
+    UniqueFd file_;
+    std::string pending_;
+    bool failed_ = false;
+};

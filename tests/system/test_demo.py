@@ -1,0 +1,59 @@
+"""The demonstration: what script/demo shows, as a person sees it."""
+
+import pathlib
+import subprocess
+
+from harness import SystemTest
+
+HERE = pathlib.Path(__file__).resolve().parent
+DEMO = ["/usr/bin/python3", "-B", str(HERE / "demo.py")]
+LAST_LINE = "       script/demo --shell lets you look around."
+
+
+def demo(*arguments, message=b""):
+    result = subprocess.run([*DEMO, *arguments], input=message, capture_output=True, timeout=60, check=False)
+    return result.returncode, result.stdout.decode(), result.stderr.decode()
+
+
+class Demo(SystemTest):
+    def test_the_sample_shows_each_mail_and_what_became_of_the_run(self):
+        status, shown, errors = demo("--sample")
+        self.assertEqual((status, errors), (0, ""))
+        for wanted in ("== The incoming message, to office@example.com", "== Mail 6 of 6",
+                       "/usr/sbin/sendmail -f panel@host.example carla@panel.example", "  terms.pdf",
+                       '[the subject reads: About your "Price list für 2025?"]', "Прайс-лист во вложении.",
+                       "[attachment 'price list.txt': application/octet-stream, 2080 bytes]",
+                       "anna.becker@customer.example  1  since", "== Standard error\n  nothing",
+                       "ms and ended with status 0"):
+            self.assertIn(wanted, shown)
+        self.assertEqual(shown.splitlines()[-1], LAST_LINE)
+
+    def test_no_line_is_wider_than_80_columns_and_none_is_coloured(self):
+        long_message = (b"From: " + b"n" * 300 + b" <a@b.example>\nSubject: " + b"word " * 99
+                        + b"\nX: y" * 40 + b"\n\n" + b"long line " * 50 + b"\nline" * 100 + b"\n")
+        for name, arguments, message in (("sample", ["--sample"], b""),
+                                         ("long", ["--message", "office@example.com"], long_message)):
+            with self.subTest(name):
+                self.setUp()
+                shown = demo(*arguments, message=message)[1]
+                self.assertEqual([line for line in shown.splitlines() if len(line) > 80], [])
+                self.assertNotIn("\033", shown)
+                self.assertEqual("more lines left out]" in shown, name == "long")
+
+    def test_a_message_of_ones_own_to_any_recipient(self):
+        message = b"From: me@home.example\nSubject: x\n\n\xff\0\x1b[31m text\n"
+        status, shown, _ = demo("--message", "nobody@example.com", message=message)
+        self.assertEqual(status, 0)
+        self.assertIn("== No mail was sent", shown)
+        self.assertIn("  autoresponder: Mailname not found: nobody@example.com", shown)
+        self.assertIn("\N{REPLACEMENT CHARACTER}[31m text", shown)
+
+    def test_the_shell_has_its_commands_at_hand(self):
+        commands = (b"answer | grep '^== Mail'; mails | grep -c '^== Mail'\n"
+                    b"db 'select count(*) from mail_resp'\n"
+                    b"RESP_RECIPIENT=who@example.com autoresponder < /sandbox/sample.eml\nexit 3\n")
+        status, shown, errors = demo("--shell", message=commands)
+        self.assertEqual(status, 3)
+        self.assertEqual(shown.splitlines()[:7], [f"== Mail {count} of 6" for count in range(1, 7)] + ["6"])
+        self.assertIn("|        4 |", shown)
+        self.assertEqual(errors, "autoresponder: Mailname not found: who@example.com\n")

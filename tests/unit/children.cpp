@@ -1,0 +1,91 @@
+#include "children.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <set>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace children {
+
+Arguments::Arguments(std::initializer_list<std::string> texts) : texts_(texts) {
+    for (std::string& text : texts_)
+        pointers_.push_back(text.data());
+    pointers_.push_back(nullptr);
+}
+
+Arguments script(const std::string& text) {
+    return {"sh", "-c", text};
+}
+
+int wait_for(int pid) {
+    int status = 0;
+    if (waitpid(pid, &status, 0) != pid)
+        return -1000;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+int file_with(const std::string& content, bool inherited) {
+    const int fd = memfd_create("content", inherited ? 0 : MFD_CLOEXEC);
+    if (write(fd, content.data(), content.size()) != static_cast<ssize_t>(content.size()))
+        std::abort();
+    lseek(fd, 0, SEEK_SET);
+    return fd;
+}
+
+std::string content_of(int fd) {
+    std::string text;
+    char piece[4096];
+    lseek(fd, 0, SEEK_SET);
+    for (ssize_t length; (length = read(fd, piece, sizeof piece)) > 0;)
+        text.append(piece, static_cast<size_t>(length));
+    close(fd);
+    return text;
+}
+
+std::string take(char* text) {
+    const std::string copy = text ? text : "(null)";
+    std::free(text);
+    return copy;
+}
+
+void exhaust_descriptors() {
+    static rlimit before;
+    const int lowest_free = dup(0);
+    close(lowest_free);
+    if (getrlimit(RLIMIT_NOFILE, &before) == -1)
+        std::abort();
+    const rlimit none{static_cast<rlim_t>(lowest_free), before.rlim_max};
+    if (setrlimit(RLIMIT_NOFILE, &none) == -1)
+        std::abort();
+    // Exit handlers that were there before, such as a leak checker's, open files.
+    std::atexit([] { setrlimit(RLIMIT_NOFILE, &before); });
+}
+
+std::string Leftovers::descriptors() {
+    const int error = errno;
+    std::set<int> numbers;
+    for (int fd = 0; fd < 1024; ++fd)
+        if (fcntl(fd, F_GETFD) != -1)
+            numbers.insert(fd);
+    std::string list;
+    for (const int fd : numbers)
+        list += " " + std::to_string(fd);
+    errno = error;
+    return list;
+}
+
+std::string Leftovers::found() const {
+    const std::string now = descriptors();
+    std::string result;
+    if (now != before_)
+        result += "descriptors" + before_ + " became" + now;
+    if (waitpid(-1, nullptr, WNOHANG) != -1 || errno != ECHILD)
+        result += " a child is left";
+    return result;
+}
+
+} // namespace children
