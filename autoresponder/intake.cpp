@@ -41,7 +41,8 @@ std::unique_ptr<DwMessage> parse(const DwString& text) {
     return message;
 }
 
-const DwMailbox* find_sender(const DwHeaders& headers) {
+// The headers are not const here: an installed mimelib gives fields of non-const headers only.
+const DwMailbox* find_sender(DwHeaders& headers) {
     const DwMailbox* mailbox = nullptr;
     if (headers.HasReplyTo())
         mailbox = GetMailboxFromAddressList(headers.ReplyTo());
@@ -54,11 +55,11 @@ std::string address_of(const DwMailbox& mailbox) {
     return up_to_nul(to_string(mailbox.LocalPart())) + "@" + up_to_nul(to_string(mailbox.Domain()));
 }
 
-std::string raw_subject_of(const DwHeaders& headers) {
+std::string raw_subject_of(DwHeaders& headers) {
     return headers.HasSubject() ? to_string(headers.Subject().AsString()) : std::string();
 }
 
-std::string raw_date_of(const DwHeaders& headers) {
+std::string raw_date_of(DwHeaders& headers) {
     return headers.HasDate() ? to_string(headers.Date().AsString()) : std::string();
 }
 
