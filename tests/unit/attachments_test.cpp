@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <fcntl.h>
 #include <filesystem>
+#include <initializer_list>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -228,8 +229,9 @@ TEST_F(WriteAttachments, LinesOfEverySizeUpToThree) {
 }
 
 TEST_F(WriteAttachments, SizesAroundTheBlocksThatAreReadAtOnce) {
-    for (const size_t size : {45 * 1024 - 1, 45 * 1024, 45 * 1024 + 1, 2 * 45 * 1024,
-                              2 * 45 * 1024 + 46, 65536, 300000})
+    for (const size_t size :
+         std::initializer_list<size_t>{45 * 1024 - 1, 45 * 1024, 45 * 1024 + 1, 2 * 45 * 1024,
+                                       2 * 45 * 1024 + 46, 65536, 300000})
         expect_lines(bytes_of_all_values(size), naive_lines(bytes_of_all_values(size)));
 }
 

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
+#include <initializer_list>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -108,7 +109,7 @@ TEST_F(MessageSource, BytesAreKeptAsTheyAre) {
 }
 
 TEST_F(MessageSource, MessagesAroundTheBlockSizeAreWhole) {
-    for (const size_t size : {65535, 65536, 65537, 131072, 1000000}) {
+    for (const size_t size : std::initializer_list<size_t>{65535, 65536, 65537, 131072, 1000000}) {
         std::string message;
         for (size_t i = 0; message.size() < size; ++i)
             message += std::to_string(i) + (i % 7 == 0 ? "\n" : " ");

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <initializer_list>
 #include <type_traits>
 #include <unistd.h>
 
@@ -90,7 +91,7 @@ TEST_F(PipestreamTest, LargeTextsArriveWhole) {
     std::string all, wanted;
     {
         ofd_pipestream stream(write_end);
-        for (const size_t size : {1, 8191, 8192, 8193, 20000}) {
+        for (const size_t size : std::initializer_list<size_t>{1, 8191, 8192, 8193, 20000}) {
             const std::string text(size, static_cast<char>('a' + size % 26));
             stream << text;
             wanted += text;
@@ -108,6 +109,14 @@ TEST_F(PipestreamTest, BadDescriptorGivesAFailedStream) {
     EXPECT_TRUE(stream.fail());
     stream << "text";
     EXPECT_TRUE(stream.fail());
+}
+
+TEST_F(PipestreamTest, DescriptorThatCannotBeWrittenToIsClosedAllTheSame) {
+    close(write_end);
+    ofd_pipestream stream(read_end);
+    EXPECT_TRUE(stream.fail());
+    EXPECT_FALSE(is_open(read_end));
+    read_end = -1;
 }
 
 TEST_F(PipestreamTest, NegativeDescriptorGivesAFailedStream) {

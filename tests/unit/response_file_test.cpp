@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <initializer_list>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -167,7 +168,8 @@ TEST_F(ResponseFileTest, HoldsTextsAroundTheBlockSize) {
     std::string all;
     ResponseFile file;
     file.open();
-    for (const size_t size : {65535, 1, 65536, 65537, 200000, 3, 65533}) {
+    for (const size_t size :
+         std::initializer_list<size_t>{65535, 1, 65536, 65537, 200000, 3, 65533}) {
         const std::string text(size, static_cast<char>('a' + all.size() % 26));
         file.write(text);
         all += text;
