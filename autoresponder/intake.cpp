@@ -7,6 +7,7 @@
 #include "lib/text/text_encoding.h"
 #include "lib/util/unique_fd.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -111,6 +112,7 @@ std::string decode_subject(const std::string& raw_subject, const std::string& ch
 // Text behind the last line feed is a line too, also when it is empty.
 std::vector<std::string> split_lines(const std::string& text) {
     std::vector<std::string> lines;
+    lines.reserve(1 + static_cast<size_t>(std::count(text.begin(), text.end(), '\n')));
     size_t begin = 0;
     for (size_t end; (end = text.find('\n', begin)) != std::string::npos; begin = end + 1)
         lines.emplace_back(text, begin, end - begin);

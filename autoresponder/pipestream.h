@@ -7,6 +7,7 @@
 #include <ext/stdio_filebuf.h>
 #include <ios>
 #include <ostream>
+#include <unistd.h>
 
 // How a stream handle that popen(3) gave is closed.
 struct PipeCloseStrategy {
@@ -38,8 +39,10 @@ protected:
         : StreamStrategy::stream_type(nullptr), handle_(handle),
           buffer_(fd, StreamStrategy::kMode, kBufferBytes) {
         this->rdbuf(&buffer_);
-        if (!buffer_.is_open())
+        if (!buffer_.is_open()) {
+            ::close(fd); // the buffer has not taken it, and the child waits for its end
             this->setstate(std::ios_base::failbit);
+        }
     }
 
 private:

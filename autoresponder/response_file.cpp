@@ -14,25 +14,38 @@ namespace {
 
 constexpr size_t kBlockBytes = 65536;
 
+// Whether somebody has removed the open file from its folder.
+bool is_gone(int fd) {
+    struct stat status {};
+    return fstat(fd, &status) == 0 && status.st_nlink == 0;
+}
+
 } // namespace
 
 ResponseFile::ResponseFile() : file_(mkostemp(resp_uu_file_name, O_CLOEXEC)) {}
 
 void ResponseFile::open() {
-    if (!file_)
+    if (!file_ || is_gone(file_.get()))
         file_ = create_temporary(resp_uu_file_name);
-    failed_ = !file_;
+    restart();
 }
 
 void ResponseFile::write(std::string_view text) {
-    pending_ += text;
-    if (pending_.size() >= kBlockBytes)
+    if (pending_.size() + text.size() > kBlockBytes)
         flush();
+    if (text.size() > kBlockBytes)
+        put(text);
+    else
+        pending_ += text;
 }
 
 // After the first failure nothing more is written, so that the file never has a hole in its text.
+void ResponseFile::put(std::string_view text) {
+    failed_ = failed_ || !write_all(file_.get(), text.data(), text.size());
+}
+
 void ResponseFile::flush() {
-    failed_ = failed_ || !write_all(file_.get(), pending_.data(), pending_.size());
+    put(pending_);
     pending_.clear();
 }
 

@@ -51,8 +51,7 @@ struct Output {
 
     // Whether all of `text` had room; what has room is written.
     bool append(std::string_view text) {
-        const size_t length = std::min(text.size(), room());
-        std::memcpy(dst + ctl->written, text.data(), length);
+        const size_t length = text.copy(dst + ctl->written, room());
         ctl->written += static_cast<uint32_t>(length);
         return length == text.size();
     }

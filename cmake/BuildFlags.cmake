@@ -9,11 +9,15 @@ if(QRX_SANITIZE)
     set(sanitizers -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
     target_compile_options(qrx_build_flags INTERFACE ${sanitizers})
     target_link_options(qrx_build_flags INTERFACE ${sanitizers})
-elseif(CMAKE_BUILD_TYPE STREQUAL "Release")
-    # Fortification needs optimisation and does not mix with the sanitizers.
-    target_compile_options(qrx_build_flags INTERFACE
+endif()
+
+# qrx_hardening: for what is shipped. Fortification needs optimisation and does not mix with the
+# sanitizers.
+add_library(qrx_hardening INTERFACE)
+if(CMAKE_BUILD_TYPE STREQUAL "Release" AND NOT QRX_SANITIZE)
+    target_compile_options(qrx_hardening INTERFACE
         -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -fstack-protector-strong)
-    target_link_options(qrx_build_flags INTERFACE -Wl,-z,relro,-z,now)
+    target_link_options(qrx_hardening INTERFACE -Wl,-z,relro,-z,now)
 endif()
 
 if(QRX_COVERAGE)
@@ -24,5 +28,7 @@ endif()
 # One static library with this project's flags.
 function(qrx_add_library name)
     add_library(${name} STATIC ${ARGN})
-    target_link_libraries(${name} PUBLIC $<BUILD_INTERFACE:qrx_build_flags>)
+    target_link_libraries(${name}
+        PUBLIC $<BUILD_INTERFACE:qrx_build_flags>
+        PRIVATE $<BUILD_INTERFACE:qrx_hardening>)
 endfunction()

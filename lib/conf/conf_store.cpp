@@ -143,15 +143,14 @@ int conf_set_r(const char* name, const char* value, conf_store* store) {
     size_t count = store->count;
     auto* const found = static_cast<conf_entry*>(
         lsearch(&entry, store->entries, &count, sizeof(conf_entry), cmp_conf));
-    if (count == store->count) {
+    if (count != store->count) {
+        found->name = name_copy.release();
+        ++store->count;
+        store->sorted = 0;
+    } else {
         free(found->value);
-        found->value = value_copy.release();
-        return 0;
     }
-    name_copy.release();
-    value_copy.release();
-    ++store->count;
-    store->sorted = 0;
+    found->value = value_copy.release();
     return 0;
 }
 

@@ -8,14 +8,15 @@
 // Reports about the file go through `quarx_log` at level 12, which the library's initial log level
 // drops. Nothing here ends the process. The strings that the lookups return belong to the library,
 // are valid as long as the store they come from (the process's own is never freed) and must not be
-// changed or freed. No null name, value, path or store is accepted, except by `conf_free_r`.
+// changed or freed. `errno` tells something after a failure only. No null name, value, path or
+// store is accepted, except by `conf_free_r`.
 #pragma once
 
 // Positions in the table of well-known variables that the system's own code asks for.
 constexpr int kConfMailnamesD = 1;    // QUARX_MAILNAMES_D
 constexpr int kConfProductRootD = 28; // PRODUCT_ROOT_D
 
-// --- The process's own configuration, read from the file by the first call that needs it ---------
+// --- The process's own configuration, read from the file by the first call that needs it ---
 
 // Loads the file once. Returns 0 when it is loaded, now or before. Returns -1 with `errno` when it
 // can't be read (then the next call tries again); lack of memory for the store is also reported
@@ -38,8 +39,7 @@ const char* qrxConfGetDefaultByIndex(int index);
 // doesn't count.
 const char* qrxConfGetDefault(const char* name);
 
-// --- Stores: one a file
-// ---------------------------------------------------------------------------
+// --- Stores, one a file ---
 
 struct conf_entry {
     char* name;

@@ -12,11 +12,12 @@
 #include <cstddef>
 #include <mysql.h>
 
-// --- Connecting
-// ----------------------------------------------------------------------------------- Each returns
-// a connection, which the caller closes with `mysql_close`, or null with the reason as a
-// NUL-terminated text in `errbuf`, cut to its `size` bytes; `errno` is what the failing step left
-// (ENOMEM where the client had no memory). After a success `errbuf` is unchanged, except by
+// --- Connecting ---
+//
+// Each returns a connection, which the caller closes with `mysql_close`, or null with the reason as
+// a NUL-terminated text in `errbuf`, cut to its `size` bytes. `errno` is then what the failing step
+// left: of the password file, or ENOMEM where the client had no memory; when it is the connection
+// that failed, the text tells more. After a success `errbuf` is unchanged, except by
 // `quarx_db_connect_ex`.
 
 // Connects. The connection is not judged further.
@@ -38,16 +39,16 @@ MYSQL* db_connect_nothrow(char* errbuf, size_t size);
 // `quarx_db_connect`; the reason of a failure is written with `messlog2`.
 MYSQL* db_connect();
 
-// --- Reading parameters
-// --------------------------------------------------------------------------- With a null `conn`
-// each function below opens a connection of its own and closes it before it returns; a given one is
-// left open. Names, tables and key values go into the statement as they stand: what comes from
-// outside is escaped by the caller.
+// --- Reading parameters ---
+//
+// With a null `conn` each function below opens a connection of its own and closes it before it
+// returns; a given one is left open. Names, tables and key values go into the statement as they
+// stand: what comes from outside is escaped by the caller.
 //
 // The readers return the first row's value, cut to 4095 bytes and at its first NUL byte, in one
 // static buffer that the next call overwrites. No row, SQL NULL, or a column that the result hasn't
-// got give "". Null is returned, after a message by `messlog2`, when there is no connection or the
-// query fails.
+// got give "". Null is returned, after a message by `messlog2`, when there is no connection, the
+// query fails, or its result can't be fetched.
 
 const char* get_param_from_bigquery(const char* query, MYSQL* conn, int column); // column from 0
 const char* get_param_query(const char* query, MYSQL* conn);                     // column 0
@@ -64,16 +65,17 @@ const char* get_param(const char* name, MYSQL* conn);
 // that the caller frees. Null for null.
 char* escape_mysql_param(MYSQL* conn, const char* text);
 
-// --- Writing and deleting parameters
-// -------------------------------------------------------------- Each returns 0, or -1 after a
-// message by `messlog2`. `value` is escaped here, the other arguments go into the statement as they
-// stand. To delete what isn't there is a success.
+// --- Writing and deleting parameters ---
+//
+// Each returns 0, or -1 after a message by `messlog2`. `value` is escaped here, the other arguments
+// go into the statement as they stand. To delete what isn't there is a success.
 
 // Sets the panel parameter `name`; a null value leaves the column's default.
 int put_param(const char* name, const char* value, MYSQL* conn);
 
+// Delete the panel parameter `name`, and the parameter `name` of a domain.
 int del_param(const char* name, MYSQL* conn);
 int del_dom_param(const char* domainId, const char* name, MYSQL* conn);
 
-// With a null `value`, whatever the parameter's value is.
+// Deletes the parameter `name` of `id` where it has the value; with a null one, whatever its value.
 int del_Parameter(const char* id, const char* name, const char* value, MYSQL* conn);

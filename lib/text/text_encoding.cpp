@@ -59,11 +59,16 @@ iconv_t open_converter(const std::string& to, const std::string& from) {
     return iconv_open(to.c_str(), from.c_str());
 }
 
+bool is_utf8(const std::string& charset) {
+    return strcasecmp(charset.c_str(), "utf-8") == 0;
+}
+
 // An iconv descriptor, closed on every path.
 class Converter {
 public:
     Converter(const std::string& to, const std::string& from)
-        : cd_(open_converter(to, from)), has_suffix_(to.find('/') != to.npos) {}
+        : cd_(open_converter(to, from)),
+          may_cut_((is_utf8(to) || is_utf8(from)) && to.find('/') == to.npos) {}
     Converter(const Converter&) = delete;
     Converter& operator=(const Converter&) = delete;
     ~Converter() {
@@ -75,8 +80,11 @@ public:
 
     bool is_open() const { return cd_ != kNone; }
 
-    // Whether the target may be one of "...//IGNORE" or "...//TRANSLIT".
-    bool has_suffix() const { return has_suffix_; }
+    // Whether the result is the same however the text is cut up into calls. It is not for targets
+    // such as "...//IGNORE" and "...//TRANSLIT", nor where a source that holds back a letter for
+    // the accent behind it (CP1255) meets a target that lacks the letter; UTF-8 has all and holds
+    // none.
+    bool may_cut() const { return may_cut_; }
 
     // What iconv_close(3) returns; the descriptor is gone in either case.
     int close() {
@@ -97,13 +105,12 @@ private:
     inline static const iconv_t kNone = reinterpret_cast<iconv_t>(-1);
 
     iconv_t cd_;
-    bool has_suffix_;
+    bool may_cut_;
 };
 
 // How much of the text one iconv call is shown. What iconv has read ahead of an invalid sequence or
 // of a full buffer it reads again in the next call, so a window is small enough to seldom fill the
-// buffer, and smaller still where the text is bad. With a suffix on the target the result depends
-// on how the text is cut up, so there each call is shown all that is left.
+// buffer, and smaller still where the text is bad.
 constexpr size_t kWindow = 1024;
 constexpr size_t kWindowAfterInvalid = 16;
 
@@ -114,7 +121,7 @@ int recode(Converter& converter, const std::string& text, bool skip_invalid, std
     size_t in_left = text.size();
     size_t window = kWindow;
     while (in_left != 0) {
-        const size_t shown = converter.has_suffix() ? in_left : std::min(window, in_left);
+        const size_t shown = converter.may_cut() ? std::min(window, in_left) : in_left;
         size_t shown_left = shown;
         char* out = buffer.data();
         size_t out_left = buffer.size();

@@ -57,9 +57,7 @@ int dup2_custom(int fd, int target) {
             return fd;
     }
     const int result = dup2(fd, target);
-    const int error = errno;
     close(fd);
-    errno = error;
     return result;
 }
 

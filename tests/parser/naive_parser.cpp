@@ -338,15 +338,16 @@ EntityRecord entity_record(const Entity& entity) {
 }
 
 Strings split_parts(const std::string& body, const std::string& boundary) {
+    const std::string dashes = std::string("--") + boundary;
     Strings parts;
     bool open = false;
     for (std::string line : lines_of(body)) {
         const std::string whole = line;
         while (!line.empty() && line.back() == '\n')
             line.pop_back();
-        bool delimits = line.starts_with("--" + boundary), closes = false;
+        bool delimits = line.starts_with(dashes), closes = false;
         if (delimits) {
-            std::string rest = line.substr(2 + boundary.size());
+            std::string rest = line.substr(dashes.size());
             while (!rest.empty() && one_of(rest.back(), " \t\r"))
                 rest.pop_back();
             closes = rest == "--";
@@ -414,17 +415,14 @@ std::string base64_naively(const std::string& text) {
 std::string quoted_printable_naively(const std::string& text) {
     std::string decoded;
     for (std::string line : lines_of(text)) {
-        std::string line_end;
-        if (line.back() == '\n') {
+        const bool ended = line.back() == '\n';
+        if (ended)
             line.pop_back();
-            line_end.push_back('\n');
-        }
         while (!line.empty() && one_of(line.back(), " \t\r"))
             line.pop_back();
-        if (!line.empty() && line.back() == '=') {
+        const bool joined = !line.empty() && line.back() == '=';
+        if (joined)
             line.pop_back();
-            line_end.clear();
-        }
         for (size_t i = 0; i < line.size(); ++i) {
             const bool escape = line[i] == '=' && i + 2 < line.size() &&
                                 std::isxdigit(static_cast<unsigned char>(line[i + 1])) &&
@@ -433,7 +431,8 @@ std::string quoted_printable_naively(const std::string& text) {
                 escape ? static_cast<char>(std::stoi(line.substr(i + 1, 2), nullptr, 16)) : line[i];
             i += escape ? 2 : 0;
         }
-        decoded += line_end;
+        if (ended && !joined)
+            decoded += '\n';
     }
     return decoded;
 }

@@ -22,7 +22,7 @@ def sender_of(message):
 
 
 def first_field(message, wanted):
-    """The text behind the ":" of the first field of that name (lower case), folds included, or None."""
+    """The first field of that name (lower case), unfolded and without white space at its ends, or None."""
     value = None
     for line in _lines(message):
         if line in ("\n", "\r\n"):
@@ -38,7 +38,7 @@ def first_field(message, wanted):
             break
         if name.rstrip(" \t").lower() == wanted:
             value = rest
-    return value
+    return None if value is None else re.sub(r"\r?\n(?=[ \t])", "", value).lstrip(" \t").rstrip(" \t\r\n\v\f")
 
 
 def _lines(message):
@@ -47,9 +47,8 @@ def _lines(message):
 
 
 def mailboxes(value, groups):
-    """The valid mailboxes of a field's value, as (local part, domain); those inside a group don't count."""
-    unfolded = re.sub(r"\r?\n(?=[ \t])", "", value)
-    for element in _elements(_tokens(unfolded), groups):
+    """The valid mailboxes of a field, as (local part, domain); those inside a group don't count."""
+    for element in _elements(_tokens(value), groups):
         mailbox = _mailbox(element)
         if mailbox is not None:
             yield mailbox

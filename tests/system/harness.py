@@ -128,9 +128,9 @@ class SystemTest(unittest.TestCase):
         self.addCleanup(os.unlink, server.SOCKET)
         self.addCleanup(listener.close)
 
-    def use_tmp(self, kib=None, read_only=False):
-        """For the rest of the case /tmp is an empty file system of that many KiB, or a read-only one."""
-        self.enterContext(program_run.SmallTmp(kib, read_only))
+    def use_tmp(self, kib=None, files=None, read_only=False):
+        """For the rest of the case /tmp is an empty file system: of that many KiB, for that many files, or read-only."""
+        self.enterContext(program_run.SmallTmp(kib, files, read_only))
 
     def temporary_files(self):
         return program_run.temporary_files()

@@ -183,10 +183,14 @@ def empty_tmp():
 
 
 class SmallTmp:
-    """A context in which /tmp is another, empty file system of that many KiB, or one that is read-only."""
+    """A context in which /tmp is another, empty file system: of that many KiB, for that many files, or read-only."""
 
-    def __init__(self, kib=None, read_only=False):
-        self._options = "mode=1777" + (f",size={kib}k" if kib is not None else "")
+    def __init__(self, kib=None, files=None, read_only=False):
+        self._options = "mode=1777"
+        if kib is not None:
+            self._options += f",size={kib}k"
+        if files is not None:
+            self._options += f",nr_inodes={files + 1}"  # the folder itself counts
         self._flags = linux.MS_RDONLY if read_only else 0
 
     def __enter__(self):

@@ -18,6 +18,7 @@ import resource
 import select
 import shutil
 import signal
+import socket
 import subprocess
 import sys
 
@@ -49,12 +50,15 @@ def run(command):
     """Runs the command, a list of strings, in a new sandbox and returns its exit status; 128 + N for signal N."""
     programs = _programs_under_test()
     _enter_namespaces()
-    lifeline, held_open = os.pipe()  # reads as ended once this process has ended
+    ours, theirs = socket.socketpair()
     child = os.fork()
     if child == 0:
-        os.close(held_open)
-        _as_first_process(command, programs, lifeline)
-    # A signal from the terminal reaches the command as well, and it decides what to make of it.
+        ours.close()
+        _as_first_process(command, programs, theirs)
+    theirs.close()
+    # Until the command runs, a signal ends this process, and with it the sandbox.
+    ours.recv(1)
+    # From then on one of the terminal reaches the command as well, and it decides what to make of it.
     signal.signal(signal.SIGINT, _ignore)
     signal.signal(signal.SIGQUIT, _ignore)
     for number in (signal.SIGTERM, signal.SIGHUP):
@@ -92,13 +96,13 @@ def _enter_namespaces():
         flags |= linux.CLONE_NEWUSER
     try:
         linux.unshare(flags)
+        if uid != 0:
+            pathlib.Path("/proc/self/setgroups").write_text("deny")
+            pathlib.Path("/proc/self/uid_map").write_text(f"0 {uid} 1")
+            pathlib.Path("/proc/self/gid_map").write_text(f"0 {gid} 1")
+        linux.mount(None, "/", flags=linux.MS_PRIVATE | linux.MS_REC)
     except OSError as error:
         raise Refused(_advice(error, uid)) from error
-    if uid != 0:
-        pathlib.Path("/proc/self/setgroups").write_text("deny")
-        pathlib.Path("/proc/self/uid_map").write_text(f"0 {uid} 1")
-        pathlib.Path("/proc/self/gid_map").write_text(f"0 {gid} 1")
-    linux.mount(None, "/", flags=linux.MS_PRIVATE | linux.MS_REC)
 
 
 def _advice(error, uid):
@@ -110,22 +114,24 @@ def _advice(error, uid):
     return f"the kernel refuses private namespaces ({error.strerror}); {remedy}"
 
 
-def _as_first_process(command, programs, lifeline):
-    """The first process of the process namespace: when it ends, the kernel kills all others."""
+def _as_first_process(command, programs, parent):
+    """The first process of the process namespace: when it ends, the kernel kills all others.
+
+    parent: a socket that ends when the parent does, and that wants a byte when the command runs
+    """
     status = 125
     try:
-        signal.signal(signal.SIGINT, signal.default_int_handler)
+        signal.signal(signal.SIGINT, _ignore)
+        signal.signal(signal.SIGQUIT, _ignore)
         linux.die_with_parent(signal.SIGKILL)
-        if select.select([lifeline], [], [], 0)[0]:
+        if select.select([parent], [], [], 0)[0]:
             return  # the parent ended before it could be watched
         folder = os.getcwd()
         _build_root(programs)
         folder = _as_seen_inside(folder)
         os.chdir(folder if os.path.isdir(folder) else "/")
         server.start(_SEEN_AT)
-        status = _run_command([_as_seen_inside(word) for word in command])
-    except KeyboardInterrupt:
-        status = 128 + signal.SIGINT
+        status = _run_command([_as_seen_inside(word) for word in command], parent)
     except (OSError, server.Failed) as error:
         print(f"sandbox: {error}", file=sys.stderr)
     finally:
@@ -133,18 +139,17 @@ def _as_first_process(command, programs, lifeline):
         os._exit(status)
 
 
-def _run_command(command):
+def _run_command(command, parent):
     """Runs the command to its end, burying every orphan on the way."""
     # A limit of 1 keeps a crash also from a core dump handler of the host; see core(5) and coredump.c.
     resource.setrlimit(resource.RLIMIT_CORE, (1, 1))
-    signal.signal(signal.SIGINT, _ignore)
-    signal.signal(signal.SIGQUIT, _ignore)
+    variables = {name: _as_seen_inside(value) for name, value in os.environ.items()}
     try:
-        variables = {name: _as_seen_inside(value) for name, value in os.environ.items()}
         main = subprocess.Popen(command, env={**variables, "QRX_SANDBOX": "1"})
     except OSError as error:
         print(f"in_sandbox: {command[0]}: {error.strerror}", file=sys.stderr)
         return 127
+    parent.send(b"1")
     while True:
         pid, status = os.wait()
         if pid == main.pid:

@@ -50,6 +50,8 @@ def start(checkout=_CHECKOUT):
 
     checkout: where the checkout is now
     """
+    if not os.path.exists(_SERVER):
+        raise Failed("there is no MariaDB server here (Debian package mariadb-server-core): run script/setup")
     if not os.path.isdir(DATA):
         shutil.copytree(_template(checkout), DATA)
     with open(LOG, "ab") as log:
@@ -141,7 +143,8 @@ def _make_template(place, schema):
         ["mariadb-install-db", "--no-defaults", f"--datadir={unfinished}", "--user=root",
          "--auth-root-authentication-method=normal", "--skip-test-db", "--skip-name-resolve",
          f"--extra-file={extra}", *_FILES],
-        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+        start_new_session=True)
     if made.returncode != 0:
         raise Failed("mariadb-install-db failed:\n" + made.stdout)
     unfinished.rename(place)

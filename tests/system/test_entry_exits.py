@@ -6,7 +6,7 @@ import re
 import signal
 
 import expected
-from harness import MESSAGE, RECIPIENT
+from harness import RECIPIENT
 from intake_case import FROM, NO_SENDER, SENDER, TEXT, IntakeTest
 
 COPY = "qrx-autoresponder-XXXXXX"
@@ -109,6 +109,13 @@ class FatalEnds(IntakeTest):
         result = self.run_message(rlimits={"as": 64 * MEBIBYTE})
         self.assert_fatal(result, b"Program failed due to exhausted memory", rb"\A\Z")
 
+    def test_a_failed_fork(self):
+        calls = "clone,clone3,fork,vfork"
+        result = self.run_message(strace=["-e", f"trace={calls}", "-e", f"inject={calls}:error=EAGAIN"])
+        reply = expected.reply(SENDER, RECIPIENT, "Re: ", TEXT.encode())
+        self.assert_fatal(result, b"fork_execv_pipes: fork() failed", rb"\A" + re.escape(reply) + rb"\Z")
+        self.assertIn(b"\nSystem error 11: Resource temporarily unavailable\n", result.stderr)
+
     def test_a_run_before_does_not_disturb_the_files_left(self):
         self.sql("update mail_resp set charset='x-none'")
         first, second = self.run_message(), self.run_message()
@@ -152,6 +159,8 @@ class SideBySide(IntakeTest):
             os.write(pipes[place], byte)
         for pipe in pipes:
             os.close(pipe)
+        for run in runs:  # a result lists /tmp, where nothing should come or go meanwhile
+            run.process.wait(60)
         for run in runs:
             result = run.finish()
             self.assertEqual((result.status, result.stderr, result.stdout), (0, b"", b""))

@@ -257,6 +257,12 @@ class Run(SystemTest):
         self.assertEqual([(file.name, len(file.content)) for file in result.tmp], [("big", 16384)])
         self.assertEqual(self.temporary_files(), [])
 
+    def test_a_tmp_for_few_files(self):
+        self.use_tmp(files=2)
+        result = self.shell("touch /tmp/1 /tmp/2 /tmp/3")
+        self.assertEqual([file.name for file in result.tmp], ["1", "2"])
+        self.assertIn(b"/tmp/3': No space left on device", result.stderr)
+
     def test_a_read_only_tmp(self):
         self.use_tmp(read_only=True)
         self.assertIn(b"Read-only file system", self.shell("touch /tmp/x").stderr)

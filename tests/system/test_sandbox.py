@@ -194,10 +194,12 @@ class Sandbox(SystemTest):
                 before = program_run.process_ids()
                 runner = subprocess.Popen([IN_SANDBOX, "sleep", "1000"], start_new_session=True,
                                           stderr=subprocess.PIPE, text=True)
-                time.sleep(0.05 + delay)
+                # Python itself has started once it has loaded a module for the sandbox.
+                maps = pathlib.Path(f"/proc/{runner.pid}/maps")
+                self.wait_until(lambda: "_ctypes" in maps.read_text(), "the sandbox starts")
+                time.sleep(delay)
                 os.killpg(runner.pid, signal.SIGINT)
-                _, stderr = runner.communicate(timeout=PATIENCE)
-                self.assertNotIn("Traceback", stderr)
+                self.assertEqual(runner.communicate(timeout=PATIENCE)[1], "")
                 self.wait_until(lambda: program_run.process_ids() == before, "all processes are gone")
 
     def start_long_sandbox(self):

@@ -1,5 +1,8 @@
 #include "client_calls.h"
 
+#include <cstdio>
+#include <fcntl.h>
+
 ClientCalls client_calls;
 
 extern "C" {
@@ -13,6 +16,7 @@ int __real_mysql_real_query(MYSQL* connection, const char* statement, unsigned l
 MYSQL* __real_mysql_real_connect(MYSQL* connection, const char* host, const char* user,
                                  const char* password, const char* database, unsigned port,
                                  const char* socket, unsigned long flags);
+FILE* __real_fopen(const char* path, const char* mode);
 void __real_explicit_bzero(void* memory, size_t size);
 
 MYSQL* __wrap_mysql_init(MYSQL* connection) {
@@ -64,6 +68,13 @@ MYSQL* __wrap_mysql_real_connect(MYSQL* connection, const char* host, const char
                                      std::to_string(flags);
     return __real_mysql_real_connect(connection, host, user, password, database, port, socket,
                                      flags);
+}
+
+FILE* __wrap_fopen(const char* path, const char* mode) {
+    FILE* const file = __real_fopen(path, mode);
+    if (file != nullptr && (fcntl(fileno(file), F_GETFD) & FD_CLOEXEC) == 0)
+        ++client_calls.inheritable_files;
+    return file;
 }
 
 void __wrap_explicit_bzero(void* memory, size_t size) {

@@ -1,8 +1,8 @@
 #pragma once
 
-// The database client's calls, on their way from the library to the client: recorded, and changed
-// where a case asks for it. A program that uses this links its calls here by qrx_wrap_client_calls
-// (ld(1), --wrap).
+// The calls that lib/db makes of the database client and of the C library: recorded on their way,
+// and changed where a case asks for it. A program that uses this links its calls here by
+// qrx_wrap_client_calls (ld(1), --wrap).
 
 #include <map>
 #include <mysql.h>
@@ -17,6 +17,7 @@ struct ClientCalls {
     std::string connect_arguments;            // host|user|password|database|port|socket|flags
     std::map<mysql_option, unsigned> options; // as the caller sets them
     std::vector<std::string> wiped;           // the texts that were wiped, up to their first NUL
+    int inheritable_files = 0;                // opened without close-on-exec
 
     // Asked for.
     bool init_fails = false;

@@ -7,13 +7,13 @@ qrx_sandbox_unit_test(qrx_conf_test quarx_conf quarx_log)
 qrx_isolate(qrx_conf_test)
 qrx_wrap(qrx_conf_test calloc)
 
-# The database client's calls are recorded on their way; see client_calls.h.
+# The calls that lib/db makes are recorded on their way; see client_calls.h.
 function(qrx_db_test name)
     qrx_sandbox_unit_test(${name} quarx_db quarx_log)
     qrx_isolate(${name})
     target_sources(${name} PRIVATE client_calls.cpp)
     qrx_wrap(${name} mysql_init mysql_close mysql_errno mysql_options mysql_query mysql_real_query
-        mysql_real_connect explicit_bzero __explicit_bzero_chk)
+        mysql_real_connect fopen explicit_bzero __explicit_bzero_chk)
 endfunction()
 
 qrx_db_test(quarx_db_test)

@@ -106,11 +106,13 @@ TEST(PopenExecGetoutput, SaysWhichMemoryIsMissing) {
     int nth = 1;
     const auto run_without = [&] {
         return isolated::run([&] {
+            // A shell that writes more than a pipe holds, and would notice that nobody reads.
+            const std::string command =
+                "x=$(printf '%01000d' 0); for i in $(seq 200); do echo $x; done; exit 5";
             const Leftovers leftovers;
             fault::arm(fault::Call::allocate, nth, ENOMEM);
             char* output;
-            const int code = popen_exec_getoutput(
-                "head -c 200000 /dev/zero | tr '\\0' a; exec >&-; exit 5", &output);
+            const int code = popen_exec_getoutput(command.c_str(), &output);
             return std::to_string(code) + "|" + take(output) + leftovers.found();
         });
     };
@@ -188,6 +190,20 @@ TEST(PopenExecWithInput, AnEmptyInputIsAnEndOfFile) {
 TEST(PopenExecWithInput, WritesMoreThanAPipeHolds) {
     EXPECT_OUTCOME(with_input("sleep 0.1; wc -c", std::string(3000000, 'x')), kReturned,
                    "3000000\n", "");
+}
+
+TEST(PopenExecWithInput, WritesOnAfterSignals) {
+    // The first signal meets a write that has filled the pipe, the second one that waits.
+    const Outcome outcome = isolated::run([] {
+        struct sigaction action = {};
+        action.sa_handler = [](int) {};
+        sigaction(SIGUSR1, &action, nullptr);
+        const std::string input(1000000, 'x');
+        return std::to_string(popen_exec_with_input(
+            "for i in 1 2; do sleep 0.1; kill -USR1 $PPID; done; sleep 0.1; wc -c", input.c_str()));
+    });
+    EXPECT_OUTCOME(outcome, kReturned, "1000000\n", "");
+    EXPECT_EQ(outcome.result, "0");
 }
 
 TEST(PopenExecWithInput, ReportsACommandThatDoesNotTakeAll) {

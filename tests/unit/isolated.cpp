@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -36,6 +37,7 @@ std::string take(int fd) {
 // An exception from the body ends the process by SIGABRT.
 [[noreturn]] void run_body(const std::function<std::string()>& body, int out, int err,
                            int result) noexcept {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
     dup2(out, STDOUT_FILENO);
     dup2(err, STDERR_FILENO);
     std::signal(SIGPIPE, SIG_IGN);

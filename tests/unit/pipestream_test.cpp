@@ -111,6 +111,14 @@ TEST_F(PipestreamTest, BadDescriptorGivesAFailedStream) {
     EXPECT_TRUE(stream.fail());
 }
 
+TEST_F(PipestreamTest, DescriptorThatCannotBeWrittenToIsClosedAllTheSame) {
+    close(write_end);
+    ofd_pipestream stream(read_end);
+    EXPECT_TRUE(stream.fail());
+    EXPECT_FALSE(is_open(read_end));
+    read_end = -1;
+}
+
 TEST_F(PipestreamTest, NegativeDescriptorGivesAFailedStream) {
     close(write_end);
     ofd_pipestream stream(-1);

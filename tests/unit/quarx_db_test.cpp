@@ -166,6 +166,11 @@ TEST_F(QuarxDb, the_file_is_read_at_every_connect) {
     EXPECT_NE(connect(quarx_db_connect), nullptr) << error_;
 }
 
+TEST_F(QuarxDb, the_file_is_closed_on_exec) {
+    connect(quarx_db_connect_raw_ex);
+    EXPECT_EQ(client_calls.inheritable_files, 0);
+}
+
 TEST_F(QuarxDb, the_password_is_wiped) {
     connect(quarx_db_connect_raw_ex);
     EXPECT_EQ(client_calls.wiped, std::vector<std::string>{panel::kPassword});

@@ -26,7 +26,8 @@ extern "C" void* __wrap_malloc(size_t size) {
     return size == refused_malloc ? nullptr : __real_malloc(size);
 }
 
-void* operator new(size_t size) {
+// Not inlined: g++ would see malloc there and take the pair for a mismatch.
+[[gnu::noinline]] void* operator new(size_t size) {
     void* memory = size < refused_new ? std::malloc(size) : nullptr;
     if (memory == nullptr) {
         errno = ENOMEM;
@@ -34,10 +35,10 @@ void* operator new(size_t size) {
     }
     return memory;
 }
-void operator delete(void* memory) noexcept {
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
     std::free(memory);
 }
-void operator delete(void* memory, size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept {
     std::free(memory);
 }
 
