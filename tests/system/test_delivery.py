@@ -5,7 +5,7 @@ import pathlib
 
 import expected
 import sandbox
-from harness import NOBODY, RECIPIENT, SystemTest
+from harness import NOBODY, RECIPIENT, Sql, SystemTest
 
 SENDER = "sam@sender.example"
 REPLY = expected.reply(SENDER, RECIPIENT, "Re: Opening hours", b"Hello\n")
@@ -174,7 +174,7 @@ class ExhaustedMemory(SystemTest):
     def test_a_reply_beyond_the_memory_limit(self):
         self.skip_if_sanitized("the sanitizers need more address space than any limit leaves")
         self.sql("alter table mail_resp modify text longblob")
-        self.furnish(text=b"x" * 14000000)
+        self.furnish(text=Sql("repeat('x', 14000000)"))
         result = self.run_program(rlimits={"as": 48 * 1024 * 1024}, argv0="autoresponder")
         self.assertEqual(result.status, 1)
         for stream in (result.stderr, result.stdout):
