@@ -1,6 +1,6 @@
 // print_intake <MESSAGE: what intake makes of a message on standard input, one value a line. Built
-// with the bundled parser and with an installed mimelib, it tells where the two differ. It ends with
-// intake's result. The copy of the message is made in the current folder and removed.
+// with the bundled parser and with an installed mimelib, it tells where the two differ. It ends
+// with intake's result. The copy of the message is made in the current folder and removed.
 #include "autoresponder/intake.h"
 #include "autoresponder/mail_content.h"
 
