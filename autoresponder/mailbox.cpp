@@ -10,9 +10,6 @@
 
 namespace {
 
-// Index of QUARX_MAILNAMES_D, the root of the mailboxes' folders.
-constexpr int kMailnamesRoot = 1;
-
 // A lookup is its head, the escaped domain, its middle, the escaped mail name, its tail.
 struct Lookup {
     const char* head;
@@ -61,6 +58,6 @@ Mailbox find_mailbox(MYSQL* connection, const Mail_content& content, const char*
 }
 
 std::string attachments_directory(const Mailbox& mailbox) {
-    return std::string(qrxConfGetDefaultByIndex(kMailnamesRoot)) + "/" + mailbox.domain_name + "/" +
-           mailbox.mail_name + "/" + paths::kAttachmentsFolder;
+    return std::string(qrxConfGetDefaultByIndex(kConfMailnamesD)) + "/" + mailbox.domain_name +
+           "/" + mailbox.mail_name + "/" + paths::kAttachmentsFolder;
 }

@@ -48,7 +48,7 @@ DwString read_message(int input, int copy) {
     bool copying = true;
     const auto take = [&](const char* bytes, size_t count) {
         text.append(bytes, count);
-        copying = copying && write_all(copy, bytes, count);
+        copying = copying && write_all(copy, bytes, count) == count;
     };
     std::array<char, kBlockBytes> block;
     while (const size_t got = read_block(input, block.data()))

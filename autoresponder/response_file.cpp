@@ -53,7 +53,7 @@ void ResponseFile::write(std::string_view text) {
 
 // After the first failure nothing more is written, so that the file never has a hole in its text.
 void ResponseFile::put(std::string_view text) {
-    failed_ = failed_ || !write_all(file_.get(), text.data(), text.size());
+    failed_ = failed_ || write_all(file_.get(), text.data(), text.size()) != text.size();
 }
 
 void ResponseFile::flush() {

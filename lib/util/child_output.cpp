@@ -69,8 +69,8 @@ pid_t read_and_wait(pid_t pid, int* status, Capture& out, Capture& err) {
             err.read();
     }
     // A child that could not be read to its end must not wait for a reader.
-    out.pipe.read_end.close();
-    err.pipe.read_end.close();
+    out.pipe.read_end.reset();
+    err.pipe.read_end.reset();
     return waited != 0 ? waited : wait_child(pid, status);
 }
 
@@ -102,8 +102,8 @@ int fork_execv_getouterr(const char* path, char* const argv[], char** out, char*
     const int fd_out = out ? out_capture.open() : STDOUT_FILENO;
     const int fd_err = err ? err_capture.open() : STDERR_FILENO;
     const pid_t pid = fork_execv_pipes(STDIN_FILENO, fd_out, fd_err, path, argv);
-    out_capture.pipe.write_end.close();
-    err_capture.pipe.write_end.close();
+    out_capture.pipe.write_end.reset();
+    err_capture.pipe.write_end.reset();
 
     int status = 0;
     const pid_t waited = read_and_wait(pid, &status, out_capture, err_capture);

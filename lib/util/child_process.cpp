@@ -37,11 +37,6 @@ void copy_arguments(char** slots, size_t most, va_list args) {
 
 } // namespace
 
-void Descriptor::close() {
-    if (fd_ != -1)
-        close_fd(&fd_);
-}
-
 bool Pipe::open() {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) == -1)

@@ -3,7 +3,10 @@
 // What the functions of fork_exec.h share: starting and ending children, pipes to them, and the
 // one way of collecting an argument list. Internal to lib/util.
 
+#include "owners.h"
+#include "unique_fd.h"
 #include <array>
+
 #include <cstdarg>
 #include <cstddef>
 #include <cstdlib>
@@ -12,27 +15,10 @@
 
 namespace quarx::child {
 
-// An owned descriptor, -1 when there is none.
-class Descriptor {
-public:
-    Descriptor() = default;
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    ~Descriptor() { close(); }
-
-    int get() const { return fd_; }
-    // For functions that close and clear a descriptor through its address.
-    int* address() { return &fd_; }
-    void close();
-
-private:
-    int fd_ = -1;
-};
-
 // A pipe with both ends close-on-exec and numbered above the standard descriptors.
 struct Pipe {
-    Descriptor read_end;
-    Descriptor write_end;
+    UniqueFd read_end;
+    UniqueFd write_end;
 
     // False with errno of pipe2(2) or fcntl(2).
     bool open();
@@ -63,10 +49,7 @@ void close_all_others();
 // flushing what the parent had buffered.
 [[noreturn, gnu::format(printf, 1, 2)]] void end_child(const char* format, ...);
 
-struct Free {
-    void operator()(void* block) const { std::free(block); }
-};
-using Argument_vector = std::unique_ptr<char*[], Free>;
+using Argument_vector = std::unique_ptr<char*[], FreeMemory>;
 
 // A list, argument 0 first, as a vector. Ends the process with status 1 when there is no memory.
 Argument_vector collect_arguments(va_list args);

@@ -2,6 +2,7 @@
 
 #include "messlog.h"
 #include "read_step.h"
+#include "write_all.h"
 
 #include <cerrno>
 #include <csignal>
@@ -41,18 +42,6 @@ std::FILE* open_command(const char* command, const char* mode) {
 
 int close_command(std::FILE* stream) {
     return pclose_status_to_rc(pclose(stream));
-}
-
-size_t write_all(int fd, const char* data, size_t size) {
-    size_t written = 0;
-    while (written < size) {
-        const ssize_t count = write(fd, data + written, size - written);
-        if (count == -1 && errno != EINTR)
-            break;
-        if (count > 0)
-            written += static_cast<size_t>(count);
-    }
-    return written;
 }
 
 } // namespace

@@ -17,7 +17,7 @@ namespace {
 
 constexpr size_t kPieceSize = 4096;
 
-using Text = std::unique_ptr<char[], Free>;
+using Text = std::unique_ptr<char[], FreeMemory>;
 
 // For the child: another descriptor of a file that is to be placed twice, or where another one
 // goes.
@@ -109,9 +109,9 @@ int fork_execv_fd(int fd_in, int fd_out, const char* path, char* const argv[]) {
     }
     if (pid == 0)
         run_with_fds(fd_in, fd_out, errors.write_end.get(), path, argv);
-    errors.write_end.close();
+    errors.write_end.reset();
     log_pieces(errors.read_end.get());
-    errors.read_end.close();
+    errors.read_end.reset();
 
     int status;
     if (wait_child(pid, &status, WUNTRACED) == -1) {
@@ -142,10 +142,10 @@ int fork_execv_getoutput(const char* path, char* const argv[], char** output) {
     }
     if (pid == 0)
         run_utility(pipe.write_end.get(), path, argv);
-    pipe.write_end.close();
+    pipe.write_end.reset();
     Text text = collect_text(pipe.read_end.get());
     // A child that could not be read to its end must not wait for a reader.
-    pipe.read_end.close();
+    pipe.read_end.reset();
 
     int status;
     if (wait_child(pid, &status) == -1) {

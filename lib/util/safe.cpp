@@ -127,7 +127,7 @@ char* strn_replace(const char* src, char* dst, const char* pattern, const char* 
     if (!dst || size == 0)
         return dst;
     if (!pattern || !*pattern)
-        return std::strncpy(dst, src, size);
+        return dst == src ? dst : std::strncpy(dst, src, size);
     Piecewise result{static_cast<char*>(std::malloc(size)), size};
     if (!result.text) {
         messlog2(0, 0, "strn_replace(): %s\n", std::strerror(errno));

@@ -22,6 +22,9 @@ public:
     int get() const { return fd_; }
     explicit operator bool() const { return fd_ >= 0; }
 
+    // For functions that set, or close and clear, a descriptor through its address.
+    int* address() { return &fd_; }
+
     // Gives the descriptor up without closing it.
     int release() { return std::exchange(fd_, -1); }
 

@@ -14,7 +14,6 @@ using namespace quarx::child;
 
 namespace {
 
-constexpr int kProductRoot = 28; // PRODUCT_ROOT_D among the configuration variables
 constexpr char kLibexecFolder[] = "/usr/lib/quarx-9.0";
 
 using Path = std::array<char, 4096>;
@@ -26,7 +25,7 @@ bool find_utility(const char* name, Path* path) {
         return false;
     }
     std::snprintf(path->data(), path->size(), "%s/admin/bin/%s",
-                  qrxConfGetDefaultByIndex(kProductRoot), name);
+                  qrxConfGetDefaultByIndex(kConfProductRootD), name);
     return true;
 }
 

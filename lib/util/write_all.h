@@ -6,18 +6,16 @@
 #include <cstddef>
 #include <unistd.h>
 
-// Writes `count` bytes to `fd`, resuming after signals and short writes. Returns false, with errno
-// as write(2) left it, when not all of them could be written.
-inline bool write_all(int fd, const char* bytes, size_t count) {
-    while (count > 0) {
-        const ssize_t written = write(fd, bytes, count);
-        if (written < 0) {
-            if (errno == EINTR)
-                continue;
-            return false;
-        }
-        bytes += written;
-        count -= static_cast<size_t>(written);
+// Writes `count` bytes to `fd`, resuming after signals and short writes. Returns how many were
+// written: fewer than `count` on failure, with errno as write(2) left it.
+inline size_t write_all(int fd, const char* bytes, size_t count) {
+    size_t written = 0;
+    while (written < count) {
+        const ssize_t now = write(fd, bytes + written, count - written);
+        if (now >= 0)
+            written += static_cast<size_t>(now);
+        else if (errno != EINTR)
+            break;
     }
-    return true;
+    return written;
 }

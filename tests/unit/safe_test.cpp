@@ -307,6 +307,8 @@ TEST(StrnReplace, WorksInPlace) {
     char text[16] = "aXbX";
     EXPECT_EQ(strn_replace(text, text, "X", "--", sizeof text), text);
     EXPECT_STREQ(text, "a--b--");
+    EXPECT_EQ(strn_replace(text, text, "", "x", sizeof text), text);
+    EXPECT_STREQ(text, "a--b--");
 }
 
 TEST(StrnReplace, WithoutMemoryWarnsAndCopies) {
