@@ -88,7 +88,7 @@ char* templ_replace(char open, char close, const par_templ* table, unsigned coun
                     char* dst, unsigned dstsize, repl_ctl* ctl) {
     dst[0] = '\0';
     ctl->consumed = ctl->written = ctl->result = 0;
-    if (src == nullptr || *src == '\0' || dstsize == 0 || count == 0)
+    if (src == nullptr || dstsize == 0 || count == 0)
         return dst;
 
     Output output{dst, dstsize, ctl};
@@ -131,12 +131,12 @@ int templ_found(const char* name, const par_templ* table, int count) {
         const int order = std::strcmp(name, table[middle].name);
         if (order == 0)
             return middle;
-        if (middle == (order < 0 ? low : high))
-            return -1;
-        if (order < 0)
+        if (order > 0)
+            low = middle + 1;
+        else if (middle > low)
             high = middle - 1;
         else
-            low = middle + 1;
+            return -1;
     }
     return std::strcmp(name, table[low].name) == 0 ? low : -1;
 }

@@ -16,6 +16,8 @@ namespace quarx {
 // `text` recoded from charset `from` to charset `to`, both named as iconv_open(3) knows them.
 // With `skipInvalid` each byte at which no valid sequence starts becomes one "?"; without it such
 // a byte is an error. No closing shift sequence is written for stateful targets.
+// A name of more than 256 bytes counts as unknown. The result is at most 16 times as long as the
+// text, and 64 bytes (the GNU C library's charsets stay below 8 times on the way to UTF-8).
 // Throws std::runtime_error: a charset is unknown, a sequence is invalid (without `skipInvalid`) or
 // cut off by the end of the text; `errno` is then what the failing iconv call left.
 std::string iconvRecode(const std::string& text, const std::string& from, const std::string& to,

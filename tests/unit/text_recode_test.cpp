@@ -75,7 +75,10 @@ size_t __wrap_iconv(iconv_t cd, char** in, size_t* in_left, char** out, size_t* 
 int __wrap_iconv_close(iconv_t cd) {
     ++iconv_calls.closed;
     const int result = __real_iconv_close(cd);
-    return iconv_calls.close_result != 0 ? iconv_calls.close_result : result;
+    if (iconv_calls.close_result == 0)
+        return result;
+    errno = EBADF;
+    return iconv_calls.close_result;
 }
 }
 
@@ -209,6 +212,7 @@ TEST_F(IconvRecode, ACallThatWouldRepeatForEverFails) {
         };
         EXPECT_EQ(recoded("a", "utf-8", "latin1"),
                   runtime_error("Conversion from utf-8 to latin1"));
+        EXPECT_EQ(errno, error != 0 ? error : EINVAL);
     }
 }
 
@@ -249,6 +253,7 @@ TEST_F(IconvRecode, FailureOfTheCloseIsNothingBehindAnotherFailure) {
     iconv_calls.close_result = -1;
     EXPECT_EQ(recoded("\xff", "utf-8", "utf-8", false),
               runtime_error("Conversion from utf-8 to utf-8"));
+    EXPECT_EQ(errno, EILSEQ);
     EXPECT_EQ(recoded("", "x-none", "utf-8"), runtime_error("Cannot convert from x-none to utf-8"));
 }
 
@@ -263,6 +268,14 @@ TEST_F(IconvRecode, ErrnoIsClearedBeforeEachCallIntoABufferOf4096) {
     EXPECT_GT(iconv_calls.calls, 5000U);
     EXPECT_TRUE(iconv_calls.errno_was_clear);
     EXPECT_TRUE(iconv_calls.room_was_4096);
+}
+
+TEST_F(IconvRecode, TextThatFillsTheBufferGoesOn) {
+    for (const char* from : {"utf-8", "us-ascii"})
+        for (const size_t count : {1023U, 1024U, 1025U, 5000U})
+            EXPECT_EQ(
+                recoded(repeated("a", count), from, "utf-32"),
+                text(std::string("\xff\xfe\0\0", 4) + repeated(std::string("a\0\0\0", 4), count)));
 }
 
 TEST_F(IconvRecode, StateOfTheTextOutlivesACall) {
