@@ -59,4 +59,4 @@ class InstalledLibrary(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    sys.exit(results.run("library", unittest.defaultTestLoader.loadTestsFromTestCase(InstalledLibrary)))
+    sys.exit(results.run("consumer", unittest.defaultTestLoader.loadTestsFromTestCase(InstalledLibrary)))
