@@ -7,6 +7,7 @@
 #include "lib/text/text_encoding.h"
 #include "lib/util/unique_fd.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -40,7 +41,8 @@ std::unique_ptr<DwMessage> parse(const DwString& text) {
     return message;
 }
 
-const DwMailbox* find_sender(const DwHeaders& headers) {
+// The headers are not const here: an installed mimelib gives fields of non-const headers only.
+const DwMailbox* find_sender(DwHeaders& headers) {
     const DwMailbox* mailbox = nullptr;
     if (headers.HasReplyTo())
         mailbox = GetMailboxFromAddressList(headers.ReplyTo());
@@ -53,11 +55,11 @@ std::string address_of(const DwMailbox& mailbox) {
     return up_to_nul(to_string(mailbox.LocalPart())) + "@" + up_to_nul(to_string(mailbox.Domain()));
 }
 
-std::string raw_subject_of(const DwHeaders& headers) {
+std::string raw_subject_of(DwHeaders& headers) {
     return headers.HasSubject() ? to_string(headers.Subject().AsString()) : std::string();
 }
 
-std::string raw_date_of(const DwHeaders& headers) {
+std::string raw_date_of(DwHeaders& headers) {
     return headers.HasDate() ? to_string(headers.Date().AsString()) : std::string();
 }
 
@@ -111,6 +113,7 @@ std::string decode_subject(const std::string& raw_subject, const std::string& ch
 // Text behind the last line feed is a line too, also when it is empty.
 std::vector<std::string> split_lines(const std::string& text) {
     std::vector<std::string> lines;
+    lines.reserve(1 + static_cast<size_t>(std::count(text.begin(), text.end(), '\n')));
     size_t begin = 0;
     for (size_t end; (end = text.find('\n', begin)) != std::string::npos; begin = end + 1)
         lines.emplace_back(text, begin, end - begin);

@@ -2,11 +2,7 @@
 
 // Intake: standard input becomes a copy on disk and the run record.
 
-#ifdef QRX_SYSTEM_MIMELIB
-#include <mimelib/mimepp.h>
-#else
-#include "lib/mime/mimelib.h"
-#endif
+#include "mime_parser.h"
 
 struct Mail_content;
 

@@ -25,5 +25,5 @@ extern char mail_file_name[30];
 extern char resp_uu_file_name[28];
 
 // Removes the temporary files and ends the process with status 0. Failures to remove are ignored:
-// the mail system must never see one of ours.
+// the mail system must not see a failure of ours.
 [[noreturn]] void correct_exit();

@@ -1,6 +1,6 @@
 #include "autoresponder/message_source.h"
 
-#include "autoresponder/intake.h"
+#include "autoresponder/mime_parser.h"
 #include "autoresponder/report.h"
 #include "lib/util/write_all.h"
 
@@ -34,9 +34,10 @@ size_t read_block(int input, char* block) {
 // How many bytes a regular file still has to give, 0 for anything else.
 size_t expected_bytes(int input) {
     struct stat status {};
-    if (fstat(input, &status) != 0 || !S_ISREG(status.st_mode) || status.st_size < 0)
+    if (fstat(input, &status) != 0 || !S_ISREG(status.st_mode))
         return 0;
-    return static_cast<size_t>(status.st_size);
+    const off_t position = lseek(input, 0, SEEK_CUR);
+    return position < status.st_size ? static_cast<size_t>(status.st_size - position) : 0;
 }
 
 } // namespace

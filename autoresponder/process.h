@@ -3,7 +3,9 @@
 // The process's own state, set before anything is read or opened.
 
 // Opens /dev/null on every standard descriptor that came closed, so that no file of ours ever takes
-// its number, and ignores SIGPIPE, so that a sendmail that stops reading can't end the run.
+// its number. Ignores SIGPIPE and SIGXFSZ, so that neither a sendmail that stops reading nor a
+// limit on file sizes ends the run (children get both back at their defaults). In a process with
+// more rights than its caller it drops from the environment what would turn the database client.
 void prepare_process();
 
 // Takes user and group 0, in that order. Where that is not allowed the run goes on as it is.

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,25 +15,48 @@ namespace {
 
 constexpr size_t kBlockBytes = 65536;
 
+// Whether somebody has removed the open file from its folder.
+bool is_gone(int fd) {
+    struct stat status {};
+    return fstat(fd, &status) == 0 && status.st_nlink == 0;
+}
+
+// For a name that is taken by what can't be removed, such as the last reply on a disk that has
+// become read-only: that must not be sent in place of this one.
+UniqueFd take_another_name() {
+    constexpr size_t kMarks = 6;
+    std::memset(resp_uu_file_name + sizeof resp_uu_file_name - 1 - kMarks, 'X', kMarks);
+    return UniqueFd(mkostemp(resp_uu_file_name, O_CLOEXEC));
+}
+
 } // namespace
 
 ResponseFile::ResponseFile() : file_(mkostemp(resp_uu_file_name, O_CLOEXEC)) {}
 
 void ResponseFile::open() {
-    if (!file_)
+    if (!file_ || is_gone(file_.get()))
         file_ = create_temporary(resp_uu_file_name);
-    failed_ = !file_;
+    if (!file_)
+        file_ = take_another_name();
+    restart();
 }
 
 void ResponseFile::write(std::string_view text) {
-    pending_ += text;
-    if (pending_.size() >= kBlockBytes)
+    if (pending_.size() + text.size() > kBlockBytes)
         flush();
+    if (text.size() > kBlockBytes)
+        put(text);
+    else
+        pending_ += text;
 }
 
 // After the first failure nothing more is written, so that the file never has a hole in its text.
+void ResponseFile::put(std::string_view text) {
+    failed_ = failed_ || !write_all(file_.get(), text.data(), text.size());
+}
+
 void ResponseFile::flush() {
-    failed_ = failed_ || !write_all(file_.get(), pending_.data(), pending_.size());
+    put(pending_);
     pending_.clear();
 }
 

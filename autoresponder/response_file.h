@@ -10,17 +10,17 @@
 #include <sys/types.h>
 
 // One reply's file. The first reply of a run gives resp_uu_file_name its name; later ones use the
-// name again, each with a file created anew. Failures are not reported: what can't be created or
+// name again, each with a file created anew, or another name where that one can't be had again. Failures are not reported: what can't be created or
 // written is missing from the file, and delivery tells about a file that isn't there.
 class ResponseFile {
 public:
     // Completes the name in place (mkstemp(3)) where that hasn't been done in this run.
     ResponseFile();
 
-    // Makes the file ready to be written from its beginning.
+    // Makes the file ready to be written from its beginning; creates it where it isn't there.
     void open();
 
-    // Appends `text`; large blocks reach the file at once, the rest at flush().
+    // Appends `text`: a large one reaches the file at once, smaller ones together or at flush().
     void write(std::string_view text);
     void flush();
 
@@ -34,6 +34,8 @@ public:
     void close();
 
 private:
+    void put(std::string_view text);
+
     UniqueFd file_;
     std::string pending_;
     bool failed_ = false;

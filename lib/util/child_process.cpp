@@ -58,7 +58,8 @@ int duplicate(int fd) {
 pid_t fork_child() {
     const pid_t pid = fork();
     if (pid == 0)
-        std::signal(SIGPIPE, SIG_DFL);
+        for (const int signal : {SIGPIPE, SIGXFSZ})
+            std::signal(signal, SIG_DFL);
     return pid;
 }
 

@@ -41,7 +41,8 @@ struct Pipe {
 // Another descriptor of the same file, close-on-exec and above the standard ones; -1 with errno.
 int duplicate(int fd);
 
-// fork(2) that gives the child the default disposition of SIGPIPE.
+// fork(2) that gives the child the default dispositions of SIGPIPE and SIGXFSZ, which programs of
+// the panel ignore.
 pid_t fork_child();
 
 // waitpid(2), resumed after EINTR.

@@ -6,7 +6,7 @@
 // - An argument vector is an array of strings ended by a null pointer; element 0 is the name that
 //   the child sees as its own. It stays the caller's. Argument lists end with a null pointer.
 // - path is the program's file; PATH is not searched. The environment is the caller's. Every child
-//   starts with SIGPIPE at its default disposition, also where the caller ignores it.
+//   starts with SIGPIPE and SIGXFSZ at their defaults, also where the caller ignores them.
 // - "Exit code" is the child's exit status, 0 to 255, or -1 when a signal ended it. A program that
 //   can't be executed is a child with exit status 255.
 // - Waits and reads are resumed after EINTR. Messages go through messlog2 (messlog.h): the process

@@ -34,18 +34,17 @@ class FaultTest(SystemTest):
         return self.run_program(strace=[*(["-f"] if follow else []), "-e", f"trace={calls}",
                                         "-e", f"inject={calls}:{fault}"], **how)
 
-    def count_calls_to(self, call, pattern, **how):
-        """How many times the program does the system call up to the one whose trace matches; nothing of the run stays.
+    def count_calls_to(self, call, pattern, nth=1, **how):
+        """How many times the program does the system call up to the nth whose trace matches; nothing of the run stays.
 
-        With strace's "-y", descriptors are shown with what they stand for.
+        In the trace descriptors are shown with what they stand for. A sanitizer's own calls are counted too.
         """
         trace = self.run_program(strace=["-y", "-e", f"trace={call}", "-e", "signal=none"], **how).trace
         self.sql("delete from resp_freq")
         spool.empty()
-        for number, line in enumerate(trace.splitlines(), 1):
-            if re.search(pattern, line):
-                return number
-        return self.fail(f"no {pattern!r} in:\n{trace}")
+        numbers = [number for number, line in enumerate(trace.splitlines(), 1) if re.search(pattern, line)]
+        self.assertGreaterEqual(len(numbers), nth, f"calls like {pattern!r} in:\n{trace}")
+        return numbers[nth - 1]
 
     def assert_calls(self, result, *wanted):
         """These calls of sendmail, and no others: pairs of arguments and standard input."""

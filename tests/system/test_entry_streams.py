@@ -174,6 +174,16 @@ class TemporaryFolder(IntakeTest):
         os.chmod("/tmp", 0o755)
         self.assert_silent(self.run_program(user=NOBODY), self.NOT_CREATED)
 
+    def test_a_limit_on_file_sizes_cuts_the_copy_and_nothing_else(self):
+        responder = self.panel.sql("select id from mail_resp")[0][0].decode()
+        self.panel.forward(responder, "archive@example.com")
+        message = FROM + b"\n" + b"x" * 300000
+        result = self.run_program(message=message, rlimits={"fsize": 65536})
+        self.assertEqual((result.status, result.signal, result.stderr), (0, None, b""))
+        self.assertEqual(len(result.mails), 2)
+        self.assertEqual(result.mails[0].ignored, set())
+        self.assert_nothing_left(result)
+
     def test_a_full_one_cuts_the_copy_and_nothing_else_of_intake(self):
         self.forward()
         message = FROM + b"\n" + b"A line of a long message.\n" * 8000

@@ -44,7 +44,9 @@ class ForkFails(FaultTest):
 
     def test_by_the_limit_on_processes(self):
         os.chmod(PASSWORD_FILE, 0o644)
-        self.assert_fork_failed(self.run_program(user=NOBODY, rlimits={"nproc": 1}))
+        # A leak sanitizer needs a process of its own.
+        self.assert_fork_failed(self.run_program(user=NOBODY, rlimits={"nproc": 1},
+                                                 env={"ASAN_OPTIONS": "detect_leaks=0"}))
 
 
 class ChildFails(FaultTest):
@@ -129,13 +131,13 @@ class StreamFails(FaultTest):
                          stderr=b"Unable to send mail with notify of not exist attachment.\n")
 
     def test_its_writing_fails(self):
-        number = self.count_calls_to("write", r"<pipe:")
-        result = self.run_injected("write", f"error=EIO:when={number}+")
-        self.assert_calls(result, FORWARD, (NOTIFICATION[0], b""), (REPLY[0], b""))
-        self.assert_ended(result)
+        """As when the child doesn't read on: nobody is told."""
+        number = self.count_calls_to("write", r"<pipe:.*\"From: ")
+        result = self.run_injected("write", f"error=EIO:when={number}")
+        self.assert_done(result, FORWARD, (NOTIFICATION[0], b""), REPLY)
 
     def test_its_writing_is_interrupted(self):
-        number = self.count_calls_to("write", r"<pipe:")
+        number = self.count_calls_to("write", r"<pipe:.*\"From: ")
         result = self.run_injected("write", f"error=EINTR:when={number}..{number + 2}")
         self.assertEqual(result.trace.count("EINTR"), 3)
         self.assert_done(result, *ALL)

@@ -1,19 +1,22 @@
 """Runs that may have too few descriptors: each goes as far as it can, says what it lacked, and ends by itself."""
 
 import os
+import re
 import resource
 import time
 
 import expected
-from fault_case import ALL, FORWARD, NOTIFICATION, RECIPIENT, REPLY, SENDER, TEXT, FaultTest
-from harness import MESSAGE
+from fault_case import ALL, FORWARD, NOTIFICATION, REPLY, SENDER, TEXT, FaultTest
+from harness import MESSAGE, RECIPIENT
 
 TOO_MANY = b"Too many open files (24)\n"
-NO_FORWARD = rb"autoresponder: Failed to open temporary file with forward mail contents '/tmp/qrx-autoresponder-\w{6}': "
+NO_FORWARD = (rb"autoresponder: Failed to open temporary file with forward mail contents"
+              rb" '/tmp/qrx-autoresponder-\w{6}': " + re.escape(TOO_MANY))
 NO_PIPE = b"autoresponder: Failed to create pipe to sendmail to notify about missing attachment files: " + TOO_MANY
 NO_ATTACHMENT = (b"autoresponder: Failed to read attachement file"
                  b" '/var/qmail/mailnames/example.com/info/@attachments/here': " + TOO_MANY)
-NO_REPLY = rb"autoresponder: Failed to open temporary file with response mail contents '/tmp/qrx-response-uu-\w{6}': "
+NO_REPLY = (rb"autoresponder: Failed to open temporary file with response mail contents"
+            rb" '/tmp/qrx-response-uu-\w{6}': " + re.escape(TOO_MANY))
 SEND_ERROR = (b"autoresponder: Send error: Failed to generate response mail contents\n"
               b"System error 24: Too many open files\n")
 NO_PASSWORD = (b"autoresponder: Unable to open admin password file: Too many open files\n"
@@ -29,6 +32,7 @@ class FewDescriptors(FaultTest):
 
     def setUp(self):
         super().setUp()
+        self.skip_if_sanitized("the sanitizers take descriptors of their own")
         self.panel.attachment(self.responder, "here", b"an attachment")
 
     def run_limited_on_the_way(self, limit):
@@ -57,9 +61,7 @@ class FewDescriptors(FaultTest):
         result = self.run_program(rlimits={"nofile": 4})
         self.assertEqual((result.status, result.signal), (1, None))
         self.assertRegex(result.stderr, b"".join([
-            rb"\A", NO_FORWARD, rb"Too many open files \(24\)\n", NO_PIPE.replace(b"(24)", rb"\(24\)"),
-            NO_ATTACHMENT.replace(b"(24)", rb"\(24\)"), NO_REPLY, rb"Too many open files \(24\)\n",
-            SEND_ERROR, rb"\Z"]))
+            rb"\A", NO_FORWARD, re.escape(NO_PIPE), re.escape(NO_ATTACHMENT), NO_REPLY, SEND_ERROR, rb"\Z"]))
         self.assert_bytes(result.stdout, SEND_ERROR, "standard output")
         self.assert_nothing_sent(result)
         self.assert_counted()

@@ -38,14 +38,14 @@ class MemoryRefused(FaultTest):
         """For each request since the copy of the message was made: how many calls of mmap and brk come before it."""
         trace = self.run_program(message=LARGE, strace=[
             "-e", "trace=mmap,brk,openat", "-e", "signal=none"]).trace
-        before, sharp, requests = {"mmap": 0, "brk": 0}, False, []
+        before, copy_made, requests = {"mmap": 0, "brk": 0}, False, []
         for line in trace.splitlines():
             name = line.partition("(")[0]
             if name in before:
-                if sharp:
+                if copy_made:
                     requests.append(dict(before))
                 before[name] += 1
-            sharp = sharp or "/tmp/qrx-autoresponder-" in line
+            copy_made = copy_made or "/tmp/qrx-autoresponder-" in line
         return requests
 
     def run_refused(self, granted):

@@ -132,6 +132,20 @@ class Notification(SystemTest):
         self.sql("delete from clients")
         self.assert_not_notified(stderr=b"This client does not exist :\n")
 
+    def test_a_quote_in_the_domain_is_escaped_in_the_query_and_plain_in_the_text(self):
+        domain = self.panel.domain("o'brien.example", client=self.client)
+        self.panel.attachment(self.panel.responder(self.panel.mailbox(domain), text="Hello\n"), "gone")
+        result = self.run_program(recipient="info@o'brien.example")
+        self.assert_ended(result)
+        self.assertEqual(result.mails[0].argv[3], CLIENT)
+        self.assertIn(b"\nfor the mailname 'info' on domain 'o'brien.example':\n", result.mails[0].stdin)
+
+    def test_of_several_clients_the_first_is_told(self):
+        self.sql("alter table domains drop index name")
+        self.panel.domain("example.com", client=self.panel.client(login="second", email="second@panel.example"))
+        mail = self.notified()
+        self.assertEqual(mail.argv[3], CLIENT)
+
     def test_mail_to_a_domain_alias_finds_no_client(self):
         self.panel.domain_alias(self.domain, "alias.example")
         self.panel.attachment(self.responder, "gone")

@@ -90,6 +90,19 @@ class SeveralReplies(SystemTest):
         self.assert_nothing_left(result)
         self.assertFalse(pathlib.Path("/sandbox/none").exists())
 
+    def test_the_first_reply_is_not_sent_again_when_its_file_can_not_be_replaced(self):
+        self.another(text="two\n")
+        self.use_tmp(kib=1024)
+        self.sendmail("read; run mount -o remount,ro /tmp")
+        result = self.run_program(argv0="autoresponder")
+        self.assertEqual(result.status, 1)
+        self.assertRegex(result.stderr,
+                         rb"\Aautoresponder: Failed to open temporary file with response mail contents "
+                         rb"'/tmp/qrx-response-uu-\w{6}': No such file or directory \(2\)\n"
+                         rb"autoresponder: Send error: Failed to generate response mail contents\n"
+                         rb"(System error .*\n)?\Z")
+        self.assertEqual([mail.stdin for mail in result.mails], [reply(b"one\n")])
+
     def test_the_second_fails_after_the_first_went_out(self):
         self.another(text="two\n", charset="no-such-charset")
         self.another(text="three\n")

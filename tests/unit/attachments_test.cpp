@@ -4,10 +4,13 @@
 
 #include "autoresponder/mail_content.h"
 #include "autoresponder/response_file.h"
+#include "fault.h"
+#include "isolated.h"
 #include "lib/db/quarx_db.h"
 #include "support/panel.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <fcntl.h>
 #include <filesystem>
 #include <initializer_list>
@@ -305,6 +308,16 @@ TEST_F(WriteAttachments, FileThatCantBeOpenedIsReportedAndAnEmptyPart) {
     EXPECT_EQ(write({"socket"}), part("socket", "") + "--BOUNDARY--\n");
     EXPECT_EQ(reported, "autoresponder: Failed to read attachement file "
                         "'/tmp/@attachments/socket': No such device or address (6)\n");
+}
+
+TEST_F(WriteAttachments, SignalsDoNotEndAFile) {
+    const std::string bytes = bytes_of_all_values(100000);
+    write_file(in_folder("file"), bytes);
+    const isolated::Outcome outcome = isolated::run([&] {
+        fault::arm(fault::Call::read, 2, EINTR);
+        return write({"file"});
+    });
+    EXPECT_TRUE(outcome.result == part("file", naive_lines(bytes)) + "--BOUNDARY--\n");
 }
 
 TEST_F(WriteAttachments, NoDescriptorIsLeft) {

@@ -16,3 +16,6 @@ qrx_mime_test(mime_parts_test)
 qrx_mime_test(mime_decoders_test)
 qrx_mime_test(mime_vectors_test)
 qrx_mime_test(mime_twin_test)
+
+pkg_check_modules(GMIME REQUIRED IMPORTED_TARGET gmime-3.0)
+qrx_mime_test(mime_gmime_test PkgConfig::GMIME)
