@@ -15,12 +15,6 @@ namespace {
 
 constexpr size_t kBlockBytes = 65536;
 
-// Whether somebody has removed the open file from its folder.
-bool is_gone(int fd) {
-    struct stat status {};
-    return fstat(fd, &status) == 0 && status.st_nlink == 0;
-}
-
 // For a name that is taken by what can't be removed, such as the last reply on a disk that has
 // become read-only: that must not be sent in place of this one.
 UniqueFd take_another_name() {
@@ -34,20 +28,27 @@ UniqueFd take_another_name() {
 ResponseFile::ResponseFile() : file_(mkostemp(resp_uu_file_name, O_CLOEXEC)) {}
 
 void ResponseFile::open() {
-    if (!file_ || is_gone(file_.get()))
+    struct stat status {};
+    if (file_ && fstat(file_.get(), &status) == 0 && status.st_nlink == 0)
+        file_.reset(); // somebody has removed it from its folder
+    if (!file_)
         file_ = create_temporary(resp_uu_file_name);
     if (!file_)
         file_ = take_another_name();
-    restart();
+    failed_ = !file_;
+    if (status.st_size > 0)
+        restart();
 }
 
 void ResponseFile::write(std::string_view text) {
-    if (pending_.size() + text.size() > kBlockBytes)
+    if (text.size() >= kBlockBytes) {
         flush();
-    if (text.size() > kBlockBytes)
         put(text);
-    else
-        pending_ += text;
+        return;
+    }
+    pending_ += text;
+    if (pending_.size() >= kBlockBytes)
+        flush();
 }
 
 // After the first failure nothing more is written, so that the file never has a hole in its text.

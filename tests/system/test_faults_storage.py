@@ -76,7 +76,7 @@ class ResponseFails(FaultTest):
 
     def test_its_size_cannot_be_taken_so_there_is_no_limit(self):
         self.panel.databytes("10")
-        number = self.count_calls_to(FSTAT, IN_RESPONSE)
+        number = self.count_calls_to(FSTAT, IN_RESPONSE, nth=2)  # the first is for whether it is there
         self.assert_done(self.run_injected(FSTAT, f"error=EIO:when={number}"), *ALL)
 
     def test_it_cannot_be_emptied_for_the_error_reply(self):
@@ -96,7 +96,7 @@ class ResponseFails(FaultTest):
         self.assert_files_left(result, copy=FORWARD[1], **files)
 
     def test_whose_it_is_cannot_be_told(self):
-        number = self.count_calls_to(FSTAT, IN_RESPONSE, nth=2)  # the first is for its size
+        number = self.count_calls_to(FSTAT, IN_RESPONSE, nth=3)  # the second is for its size
         result = self.run_injected(FSTAT, f"error=EIO:when={number}")
         self.assert_not_delivered(result, rb"Permission denied \(13\)", response=REPLY[1])
 

@@ -114,21 +114,34 @@ TEST_F(ResponseFileTest, WritesIntoNoFileOfAnotherUser) {
     expect_second_reply_in_fresh_file();
 }
 
-TEST_F(ResponseFileTest, IgnoresThatItCantBeMade) {
+TEST_F(ResponseFileTest, TakesAnotherNameWhereThatOneCantBeHadAgain) {
     end_first_reply();
-    ASSERT_EQ(mkdir(resp_uu_file_name, 0700), 0);
+    const std::string taken = name();
+    ASSERT_EQ(mkdir(taken.c_str(), 0700), 0);
     ResponseFile file;
-    EXPECT_EQ(standard_error_of([&] {
-                  file.open();
-                  file.write(std::string(100000, 'x'));
-                  file.flush();
-                  EXPECT_FALSE(file.size().has_value());
-                  file.restart();
-                  file.write("more");
-                  file.close();
-              }),
-              "");
-    EXPECT_EQ(files_in(name()), std::vector<std::string>{});
+    file.open();
+    file.write("second");
+    file.close();
+    EXPECT_NE(name(), taken);
+    EXPECT_EQ(reply(), "second");
+}
+
+TEST_F(ResponseFileTest, IsEmptiedFirstWhenSomebodyHasWrittenToIt) {
+    ResponseFile file;
+    write_file(name(), "theirs, and longer");
+    file.open();
+    file.write("ours");
+    file.close();
+    EXPECT_EQ(reply(), "ours");
+}
+
+TEST_F(ResponseFileTest, IsCreatedAgainWhenSomebodyHasRemovedIt) {
+    ResponseFile file;
+    ASSERT_EQ(unlink(resp_uu_file_name), 0);
+    file.open();
+    file.write("ours");
+    file.close();
+    EXPECT_EQ(reply(), "ours");
 }
 
 TEST_F(ResponseFileTest, IgnoresThatTheFirstOneCantBeMade) {
