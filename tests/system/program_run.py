@@ -79,7 +79,7 @@ class Running:
         self._started = time.monotonic()
         self.process = subprocess.Popen(
             command, stdin=streams[0], stdout=streams[1], stderr=streams[2], cwd=cwd,
-            env=_environment(recipient, env, strace, user), preexec_fn=self._close_streams)
+            env=_environment(recipient, env, user, strace, rlimits), preexec_fn=self._close_streams)
         if chunks is not None:
             threading.Thread(target=_feed, args=(self.process, chunks), daemon=True).start()
         for stream in streams:
@@ -135,7 +135,7 @@ class Running:
 
     def _left_behind(self):
         """Processes that came with the run and are still there after a moment to be buried."""
-        for _ in range(20):
+        for _ in range(200):
             left = process_ids() - self._others
             if not left:
                 break
@@ -200,11 +200,11 @@ class SmallTmp:
         linux.unmount(_TMP)
 
 
-def _environment(recipient, extra, strace, user):
+def _environment(recipient, extra, user, strace, rlimits):
     variables = {"PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
                  "RESP_RECIPIENT": recipient,
-                 # Leaks can't be looked for under ptrace(2), which LeakSanitizer uses itself.
-                 "ASAN_OPTIONS": f"detect_leaks={int(strace is None)}" if SANITIZED else None,
+                 # LeakSanitizer uses ptrace(2) itself, in a process and on descriptors of its own.
+                 "ASAN_OPTIONS": f"detect_leaks={int(not (strace or rlimits))}" if SANITIZED else None,
                  "UBSAN_OPTIONS": "print_stacktrace=1" if SANITIZED else None,
                  # Another user can't write the counters beside the objects, and would say so.
                  "GCOV_PREFIX": f"{sandbox.SPOOL}/.counters" if COVERAGE and user is not None else None,
