@@ -70,12 +70,12 @@ std::unique_ptr<DwMailbox> make_mailbox(const DwString& field, std::string_view 
 }
 
 std::string_view without_route(std::string_view address) {
-    if (!next_token(address, 0).is('@'))
-        return address;
     Token token = next_token(address, 0);
-    while (token.kind != TokenKind::kEnd && token.kind != TokenKind::kError && !token.is(':'))
+    if (!token.is('@'))
+        return address;
+    while (token.kind != TokenKind::kEnd && !token.is(':'))
         token = next_token(address, token.end);
-    return token.is(':') ? address.substr(token.end) : address;
+    return address.substr(token.end);
 }
 
 } // namespace mime

@@ -13,8 +13,8 @@ namespace mime {
 // double. Anything else gives an invalid one. Never null.
 std::unique_ptr<DwMailbox> make_mailbox(const DwString& field, std::string_view address);
 
-// What stands inside of "<...>" behind a leading route `@a,@b:`; a route without ":" is left as it
-// stands, which makes no mailbox.
+// What stands in `address`, the inside of "<...>" with every token in it complete, behind a leading
+// route `@a,@b:`. Of a route without ":" nothing is left, which makes no mailbox.
 std::string_view without_route(std::string_view address);
 
 } // namespace mime

@@ -209,7 +209,7 @@ bool agree_on(const std::string& message) {
     return got == wanted;
 }
 
-constexpr int kRounds = 20000;
+constexpr int kRounds = 10000;
 
 TEST(MimeTwin, AgreesOnMutatedVectors) {
     const std::vector<Vector> vectors = read_vectors(QRX_PARSER_VECTORS);
