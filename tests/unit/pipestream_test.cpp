@@ -119,6 +119,15 @@ TEST_F(PipestreamTest, DescriptorThatCannotBeWrittenToIsClosedAllTheSame) {
     read_end = -1;
 }
 
+TEST_F(PipestreamTest, DescriptorThatCantBeWrittenGivesAFailedStreamAndIsClosed) {
+    {
+        ofd_pipestream stream(read_end);
+        EXPECT_TRUE(stream.fail());
+    }
+    EXPECT_FALSE(is_open(read_end));
+    read_end = write_end; // for the end of the case
+}
+
 TEST_F(PipestreamTest, NegativeDescriptorGivesAFailedStream) {
     close(write_end);
     ofd_pipestream stream(-1);

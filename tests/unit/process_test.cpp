@@ -7,10 +7,22 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
-#include <grp.h>
+#include <sys/auxv.h>
 #include <unistd.h>
+
+namespace {
+
+bool more_rights_than_the_caller = false;
+
+} // namespace
+
+// What the kernel says of a set-user-ID program; getauxval(3).
+extern "C" unsigned long __wrap_getauxval(unsigned long type) {
+    return type == AT_SECURE && more_rights_than_the_caller ? 1 : 0;
+}
 
 namespace {
 
@@ -91,6 +103,44 @@ TEST(PrepareProcess, IgnoresBrokenPipes) {
     });
     EXPECT_EQ(outcome.result, "-1");
     EXPECT_EQ(outcome.signal, 0);
+}
+
+TEST(PrepareProcess, IgnoresALimitOnFileSizes) {
+    const isolated::Outcome outcome = isolated::run([] {
+        prepare_process();
+        std::raise(SIGXFSZ);
+        return std::string("alive");
+    });
+    EXPECT_EQ(outcome.result, "alive");
+}
+
+// The variables, of those set here, that are left by prepare_process.
+std::string left_in_environment(bool secure) {
+    return isolated::run([secure] {
+               more_rights_than_the_caller = secure;
+               clearenv();
+               for (const char* name :
+                    {"LIBMYSQL_ENABLE_CLEARTEXT_PLUGIN", "LIBMYSQL_PLUGINS", "LIBMYSQL_PLUGIN_DIR",
+                     "MARIADB_HOME", "MARIADB_PLUGIN_DIR", "MARIADB_TCP_PORT", "MARIADB_UNIX_PORT",
+                     "MYSQL_HOME", "MYSQL_PWD", "MYSQL_TCP_PORT", "MYSQL_UNIX_PORT", "OPENSSL_CONF",
+                     "SSL_CERT_DIR", "SSL_CERT_FILE", "PATH", "RESP_RECIPIENT"})
+                   setenv(name, "x", 1);
+               prepare_process();
+               int count = 0;
+               std::string names;
+               for (char** variable = environ; *variable != nullptr; ++variable, ++count)
+                   names += std::string(*variable) + " ";
+               return count == 16 ? "all" : names;
+           })
+        .result;
+}
+
+TEST(PrepareProcess, DropsTheClientsVariablesWhereItHasMoreRightsThanItsCaller) {
+    EXPECT_EQ(left_in_environment(true), "PATH=x RESP_RECIPIENT=x ");
+}
+
+TEST(PrepareProcess, KeepsTheEnvironmentOtherwise) {
+    EXPECT_EQ(left_in_environment(false), "all");
 }
 
 TEST(TakeRootIdentity, TakesUserAndGroupZeroFromASetUserIdProgram) {

@@ -214,6 +214,14 @@ TEST_F(ComposeReply, UnknownCharsetIsThrownAndLeavesTheFileEmpty) {
     EXPECT_EQ(read_file(resp_uu_file_name), "");
 }
 
+TEST_F(ComposeReply, UnknownCharsetLeavesAnEmptyFileOfASecondReplyToo) {
+    compose();
+    ASSERT_EQ(unlink(resp_uu_file_name), 0);
+    responder.charset = "no-such-charset";
+    EXPECT_THROW(compose(), std::runtime_error);
+    EXPECT_EQ(read_file(resp_uu_file_name), "");
+}
+
 TEST_F(ComposeReply, RecipientWithoutAsciiFormIsThrownAndLeavesTheFileEmpty) {
     content.recipient = std::string(64, 'a') + ".example";
     EXPECT_THROW(compose(), quarx::idn::IdnaError);

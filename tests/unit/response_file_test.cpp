@@ -147,9 +147,17 @@ TEST_F(ResponseFileTest, IsCreatedAgainWhenSomebodyHasRemovedIt) {
 TEST_F(ResponseFileTest, IgnoresThatTheFirstOneCantBeMade) {
     std::strcpy(resp_uu_file_name, "/tmp/none/XXXXXX");
     ResponseFile file;
-    file.open();
-    file.write("text");
-    file.close();
+    EXPECT_EQ(standard_error_of([&] {
+                  file.open();
+                  file.write(std::string(100000, 'x'));
+                  file.write("text");
+                  file.flush();
+                  EXPECT_FALSE(file.size().has_value());
+                  file.restart();
+                  file.write("more");
+                  file.close();
+              }),
+              "");
     EXPECT_EQ(files_in("/tmp"), std::vector<std::string>{});
 }
 

@@ -26,14 +26,30 @@ void empty_tmp() {
         std::filesystem::remove_all(entry.path());
 }
 
+int running_in = 0; // the process that a case runs in, 0 between cases
+
+void fail_in_a_case() {
+    if (running_in != getpid())
+        return;
+    std::fputs("The code under test has ended the test program.\n", stderr);
+    _exit(EXIT_FAILURE);
+}
+
 } // namespace
 
 void SandboxTest::SetUp() {
+    static const int registered = std::atexit(fail_in_a_case);
+    ASSERT_EQ(registered, 0);
+    running_in = getpid();
     const char* sandbox = std::getenv("QRX_SANDBOX");
     ASSERT_STREQ(sandbox == nullptr ? "" : sandbox, "1") << "run this by tests/system/in_sandbox";
     empty_tmp();
     std::strcpy(mail_file_name, "/tmp/qrx-autoresponder-XXXXXX");
     std::strcpy(resp_uu_file_name, "/tmp/qrx-response-uu-XXXXXX");
+}
+
+void SandboxTest::TearDown() {
+    running_in = 0;
 }
 
 bool has_other_users() {

@@ -8,10 +8,13 @@
 #include <string>
 #include <vector>
 
-// Each case begins with an empty /tmp and with both name buffers of the run holding templates.
+// Each case begins with an empty /tmp and with both name buffers of the run holding templates. Code
+// that ends the process during a case, if only with status 0, fails the test program; cases expect
+// such an end in a child process.
 class SandboxTest : public testing::Test {
 protected:
     void SetUp() override;
+    void TearDown() override;
 };
 
 // The sandbox of an ordinary user knows no second user: files can't be given away there.
