@@ -65,6 +65,7 @@ class SeveralReplies(SystemTest):
 
     def test_what_somebody_plants_under_the_name_is_neither_followed_nor_sent(self):
         """The second responder's forward is the moment: the first reply's file is gone, its name known."""
+        self.need_other_users()
         target = pathlib.Path("/sandbox/target")
         for plant in ("ln -s /sandbox/target $n", "mkfifo $n", "echo planted > $n && chmod 666 $n",
                       f"echo planted > $n && chown {NOBODY} $n"):
