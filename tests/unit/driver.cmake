@@ -35,6 +35,7 @@ qrx_sandbox_unit_test(report_test sandbox_test_support)
 qrx_sandbox_unit_test(notify_test spawned_test_support panel_test_support)
 qrx_sandbox_unit_test(message_source_test sandbox_test_support quarx_log)
 qrx_isolate(message_source_test)
+qrx_wrap(message_source_test write)
 
 foreach(name intake_test intake_body_test)
     qrx_sandbox_unit_test(${name} sandbox_test_support)

@@ -18,6 +18,23 @@
 
 namespace {
 
+int refused_writes = 0;
+
+} // namespace
+
+// Lets the next calls of this program's own code fail.
+extern "C" ssize_t __real_write(int fd, const void* bytes, size_t count);
+extern "C" ssize_t __wrap_write(int fd, const void* bytes, size_t count) {
+    if (refused_writes > 0) {
+        --refused_writes;
+        errno = ENOSPC;
+        return -1;
+    }
+    return __real_write(fd, bytes, count);
+}
+
+namespace {
+
 using testing::Eq;
 using testing::ExitedWithCode;
 
@@ -174,6 +191,15 @@ TEST_F(MessageSource, CopyOnAFullDiskIsABeginningOfTheMessage) {
     EXPECT_LT(copy.size(), message.size());
     EXPECT_EQ(copy.find('\n'), std::string::npos);
     EXPECT_TRUE(input.finish());
+}
+
+TEST_F(MessageSource, CopyHoldsNothingBehindTheFirstFailure) {
+    write_file(kInput, std::string(200000, 'x'));
+    const UniqueFd input(open(kInput, O_RDONLY | O_CLOEXEC));
+    refused_writes = 1;
+    expect_same(read_from(input.get()), std::string(200000, 'x') + "\n");
+    EXPECT_EQ(refused_writes, 0);
+    EXPECT_EQ(read_file(kCopy), "");
 }
 
 // A message that can't be read ends the run, and nobody gets half of it.

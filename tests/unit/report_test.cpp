@@ -40,6 +40,17 @@ TEST(Report, IsWrittenAtOnceAndInOneWrite) {
         close(fd);
 }
 
+TEST(Report, IsFlushedWhereStandardErrorIsBuffered) {
+    EXPECT_EXIT(
+        {
+            static char buffer[4096];
+            setvbuf(stderr, buffer, _IOFBF, sizeof buffer);
+            report("line");
+            _exit(0);
+        },
+        ExitedWithCode(0), Eq("line\n"));
+}
+
 TEST(Report, IgnoresAStandardErrorThatCantBeWritten) {
     const int original = dup(STDERR_FILENO);
     const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);

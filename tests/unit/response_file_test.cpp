@@ -190,7 +190,7 @@ TEST_F(ResponseFileTest, HoldsTextsAroundTheBlockSize) {
     ResponseFile file;
     file.open();
     for (const size_t size :
-         std::initializer_list<size_t>{65535, 1, 65536, 65537, 200000, 3, 65533}) {
+         std::initializer_list<size_t>{65535, 1, 65536, 7, 65537, 200000, 3, 65533, 5}) {
         const std::string text(size, static_cast<char>('a' + all.size() % 26));
         file.write(text);
         all += text;
