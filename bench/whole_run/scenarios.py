@@ -9,6 +9,7 @@ SENDER = "sam@sender.example"
 MESSAGES = pathlib.Path("/sandbox/messages")
 
 _TEXT = "".join(f"Line {number} of a text that says when somebody is back at work.\n" for number in range(6))
+_ALWAYS = "1000000000"  # times a day
 _HEADER = """\
 Return-Path: <{sender}>
 Delivered-To: info@example.com
@@ -40,7 +41,7 @@ class Scenario:
     """A furnished panel, the message, and how many replies and forwards a run of it makes."""
 
     def __init__(self, name, size=3600, responders=1, forward=False, attachment=0, answered=None,
-                 ans_freq="1000000000", mails=None):
+                 ans_freq=_ALWAYS, mails=None):
         self.name = name
         self.mails = responders + forward if mails is None else mails
         self._size = size
@@ -82,15 +83,23 @@ SCENARIOS = [
 ]
 
 
-def senders(count):
-    """Messages of as many senders, for runs side by side; returns their files."""
+def furnish_mailboxes(panel, count):
+    """As many mailboxes with one responder each; returns a (recipient, message file) pair for each.
+
+    Runs side by side for one responder would wait for each other's locks in the database, which says
+    nothing about the programs. Each sender has been answered before.
+    """
+    panel.empty()
+    domain = panel.domain(client=panel.client())
     MESSAGES.mkdir(exist_ok=True)
-    files = []
+    path = MESSAGES / "message"
+    path.write_bytes(message(3600))
+    mails = []
     for number in range(count):
-        path = MESSAGES / f"sender-{number}"
-        path.write_bytes(message(3600, f"sam{number}@sender.example"))
-        files.append(path)
-    return files
+        responder = panel.responder(panel.mailbox(domain, f"box{number}"), text=_TEXT, ans_freq=_ALWAYS)
+        panel.answered(responder, SENDER)
+        mails.append((f"box{number}@example.com", path))
+    return mails
 
 
 def new_panel():

@@ -1,7 +1,7 @@
-// stopwatch JOBS RUNS [MESSAGE...] -- PROGRAM [ARGUMENT...]: what runs of a program cost.
+// stopwatch JOBS RUNS [RECIPIENT MESSAGE]... -- PROGRAM [ARGUMENT...]: what runs of a program cost.
 //
 // Starts the program RUNS times, JOBS of them at a time, run after run with the next of the messages
-// on standard input (none: its own standard input), and prints a line for each run as it ends: user
+// on standard input and its recipient in RESP_RECIPIENT (none: as they are), and prints a line for each run as it ends: user
 // plus system time, then wall time, in nanoseconds, the peak resident set in KiB, and the wait status;
 // at last a line with the nanoseconds that all of it took.
 //
@@ -42,10 +42,11 @@ static void fail(const char* what) {
     exit(2);
 }
 
-static void start(struct job* job, const char* message, char** program) {
-    const int input = message == NULL ? STDIN_FILENO : open(message, O_RDONLY | O_CLOEXEC);
-    if (input < 0)
-        fail(message);
+// mail: a recipient and a message, or null
+static void start(struct job* job, char** mail, char** program) {
+    const int input = mail == NULL ? STDIN_FILENO : open(mail[1], O_RDONLY | O_CLOEXEC);
+    if (input < 0 || (mail != NULL && setenv("RESP_RECIPIENT", mail[0], 1) != 0))
+        fail(mail[1]);
     job->started = now();
     job->pid = vfork();
     if (job->pid == 0) {
@@ -82,22 +83,22 @@ static struct job* finish(struct job* jobs, int count) {
 }
 
 int main(int argc, char** argv) {
-    int end = 3; // of the messages
+    int end = 3; // of the mails
     while (end < argc && strcmp(argv[end], "--") != 0)
         ++end;
     const int job_count = argc > 2 ? atoi(argv[1]) : 0;
     const int runs = argc > 2 ? atoi(argv[2]) : 0;
-    if (end + 1 >= argc || job_count < 1 || job_count > kMostJobs || runs < 1) {
-        fprintf(stderr, "usage: stopwatch JOBS RUNS [MESSAGE...] -- PROGRAM [ARGUMENT...]\n");
+    if (end + 1 >= argc || end % 2 == 0 || job_count < 1 || job_count > kMostJobs || runs < 1) {
+        fprintf(stderr,
+                "usage: stopwatch JOBS RUNS [RECIPIENT MESSAGE]... -- PROGRAM [ARGUMENT...]\n");
         return 2;
     }
-    const int message_count = end - 3;
+    const int mail_count = (end - 3) / 2;
     static struct job jobs[kMostJobs];
     const long long began = now();
     for (int run = 0; run < runs; ++run) {
         struct job* place = run < job_count ? &jobs[run] : finish(jobs, job_count);
-        const char* message = message_count == 0 ? NULL : argv[3 + run % message_count];
-        start(place, message, argv + end + 1);
+        start(place, mail_count == 0 ? NULL : argv + 3 + run % mail_count * 2, argv + end + 1);
     }
     for (int left = runs < job_count ? runs : job_count; left > 0; --left)
         finish(jobs, job_count);

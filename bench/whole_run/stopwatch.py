@@ -33,15 +33,16 @@ def measure(command, message, environment=_ENVIRONMENT):
     return _runs(1, 1, [], command, message, environment)[0][0]
 
 
-def measure_many(command, messages, jobs, runs):
-    """As many runs, `jobs` at a time; returns them and the seconds that all took."""
-    return _runs(jobs, runs, messages, command, os.devnull, _ENVIRONMENT)
+def measure_many(command, mails, jobs, runs):
+    """As many runs, `jobs` at a time, over (recipient, message file) pairs; returns them and the seconds in all."""
+    words = [str(word) for mail in mails for word in mail]
+    return _runs(jobs, runs, words, command, os.devnull, _ENVIRONMENT)
 
 
-def _runs(jobs, runs, messages, command, standard_input, environment):
+def _runs(jobs, runs, mails, command, standard_input, environment):
     with open(standard_input, "rb") as stream:
         done = subprocess.run(
-            [PROGRAMS / "stopwatch", str(jobs), str(runs), *messages, "--", *command],
+            [PROGRAMS / "stopwatch", str(jobs), str(runs), *mails, "--", *command],
             stdin=stream, capture_output=True, text=True, cwd="/", env=environment)
     if done.returncode != 0 or done.stderr:
         raise Failed(f"{command}: {done.stderr}")
