@@ -89,6 +89,11 @@ class Packages(unittest.TestCase):
                 run("dpkg-deb", "-e", package, folder)
                 self.assertEqual(sorted(os.listdir(folder)), ["control", "md5sums"])
 
+    def test_a_database_client_inside_the_program_is_named(self):
+        shared = "libmariadb.so" in run("objdump", "-p", BUILD / "autoresponder/autoresponder")
+        version = run("dpkg-query", "-W", "-f", "${source:Package} (= ${source:Version})", "libmariadb-dev")
+        self.assertEqual(self.field("autoresponder", "Built-Using"), "" if shared else version)
+
     def test_every_library_that_the_program_needs_is_in_a_package_it_depends_on(self):
         needed = re.findall(r"NEEDED +(\S+)", run("objdump", "-p", BUILD / "autoresponder/autoresponder"))
         paths = dict(re.findall(r"(\S+) => (\S+) ", run("ldd", BUILD / "autoresponder/autoresponder")))
@@ -171,6 +176,12 @@ def as_user(user, group):
     return ["setpriv", f"--reuid={user}", f"--regid={group}", "--clear-groups"]
 
 
+def readme_commands(first):
+    """The indented lines of the installed README that begin with the words."""
+    readme = pathlib.Path("/usr/share/doc/autoresponder/README.Debian").read_text()
+    return next(part for part in readme.split("\n\n") if part.strip().startswith(first))
+
+
 class Installed(unittest.TestCase):
     maxDiff = None
 
@@ -211,6 +222,15 @@ class Installed(unittest.TestCase):
         self.assertIn("Unable to open admin password file: Permission denied", error)
         self.assertEqual(status, 0)
 
+    def test_the_user_of_the_readme_may_run_it(self):
+        make_user, _, show_password = readme_commands("useradd").strip().partition("\n")
+        run("sh", "-ec", make_user)
+        self.addCleanup(run, "userdel", "autoresponder")
+        prefix = in_sandbox("sh", "-ec", show_password + '\nexec "$@"', "sh",
+                            *as_user("autoresponder", "autoresponder"))
+        self.assertEqual(answer(prefix=prefix),
+                         ("autoresponder: Mailname not found: nobody@example.com\n", "", 0))
+
     def test_the_set_user_id_bit_of_the_readme_lets_its_group_run_it_and_nobody_else(self):
         self.addCleanup(self.follow_readme, "--remove")
         self.follow_readme("--update")
@@ -225,12 +245,9 @@ class Installed(unittest.TestCase):
         self.assertEqual(self.mode(), (0o100755, 0, 0))
 
     def follow_readme(self, first):
-        """Runs the paragraph of the README whose command has the option, with a group that is here."""
-        readme = pathlib.Path("/usr/share/doc/autoresponder/README.Debian").read_text()
-        paragraph = next(part for part in readme.split("\n\n") if f"  dpkg-statoverride {first}" in part)
-        if first == "--remove" and self.mode()[0] == 0o100755:
-            return
-        run("sh", "-ec", paragraph.replace("vchkpw", "mail"))
+        """Runs the commands of the README that begin with dpkg-statoverride and the option."""
+        if first != "--remove" or self.mode()[0] != 0o100755:
+            run("sh", "-ec", readme_commands(f"dpkg-statoverride {first}").replace("vmail", "mail"))
 
     def mode(self):
         status = os.stat(PROGRAM)
