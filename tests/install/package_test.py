@@ -24,8 +24,6 @@ import results
 
 BUILD, COMPILER = pathlib.Path(sys.argv[1]), sys.argv[2]
 VERSION = re.search(r"project\([^)]*VERSION ([\d.]+)", (CHECKOUT / "CMakeLists.txt").read_text())[1]
-PACKAGES = {name: CHECKOUT / f"build/package/{name}_{VERSION}_amd64.deb"
-            for name in ("autoresponder", "libquarx-dev")}
 PROGRAM = "/usr/sbin/autoresponder"
 MESSAGE = b"From: sam@sender.example\nSubject: Opening hours\n\nWhen are you open?\n"
 NOBODY, MAIL_GROUP = 65534, 8
@@ -42,8 +40,15 @@ def run(*command, **how):
     return ran.stdout.decode()
 
 
+ARCHITECTURE = run("dpkg", "--print-architecture").strip()
+PACKAGES = {name: CHECKOUT / f"build/package/{name}_{VERSION}_{ARCHITECTURE}.deb"
+            for name in ("autoresponder", "libquarx-dev")}
+PRINTED = ""
+
+
 def setUpModule():
-    run(CHECKOUT / "script/package")
+    global PRINTED
+    PRINTED = run(CHECKOUT / "script/package")
 
 
 # The packages as files
@@ -60,9 +65,9 @@ class Packages(unittest.TestCase):
         rows = [line.split() for line in run("dpkg-deb", "-c", PACKAGES[package]).splitlines()]
         return [(row[0], row[1], row[5].lstrip(".").rstrip("/")) for row in rows]
 
-    def test_lintian_finds_no_error_and_no_warning(self):
-        said = run("lintian", "--allow-root", "--fail-on", "error,warning", *PACKAGES.values())
-        self.assertEqual(said, "")
+    def test_the_script_prints_where_they_are_and_that_lintian_finds_nothing(self):
+        paths = [str(path.relative_to(CHECKOUT)) for path in PACKAGES.values()]
+        self.assertEqual(PRINTED.splitlines(), [*paths, "lintian: no errors, no warnings"])
 
     def test_nothing_is_hidden_from_lintian(self):
         self.assertEqual([path for package in PACKAGES for _, _, path in self.listing(package)
