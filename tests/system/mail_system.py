@@ -18,7 +18,7 @@ import time
 import linux
 import sandbox
 
-PATIENCE_SECONDS = 30
+PATIENCE_SECONDS = 10
 MAILBOXES = pathlib.Path("/var/vmail")
 UNPACKED = pathlib.Path("/sandbox/mailsystem")
 _PACKAGES = pathlib.Path(__file__).resolve().parents[2] / "build/mailsystems"
