@@ -244,6 +244,7 @@ class Installed(unittest.TestCase):
 
     def test_the_user_of_the_readme_may_run_it(self):
         make_user, _, show_password = readme_commands("useradd").strip().partition("\n")
+        subprocess.run(["userdel", "autoresponder"], capture_output=True)  # where the system has it already
         run("sh", "-ec", make_user)
         self.addCleanup(run, "userdel", "autoresponder")
         prefix = in_sandbox("sh", "-ec", show_password + '\nexec "$@"', "sh",
