@@ -13,6 +13,12 @@ if(QRX_SANITIZE)
     target_link_options(qrx_build_flags INTERFACE ${sanitizers})
 endif()
 
+if(QRX_FUZZ)
+    # Counts the edges that an input reaches; only the fuzz targets are linked with the fuzzer itself.
+    target_compile_options(qrx_build_flags INTERFACE -fsanitize=fuzzer-no-link)
+    target_link_options(qrx_build_flags INTERFACE -fsanitize=fuzzer-no-link)
+endif()
+
 # qrx_hardening: for what is shipped. Fortification needs optimisation and does not mix with the
 # sanitizers.
 add_library(qrx_hardening INTERFACE)
