@@ -49,11 +49,12 @@ MYSQL_VAR_D         /var/lib/mysql
 
 
 class Scenario:
-    """A furnished panel, the message, and how many replies and forwards a run of it makes."""
+    """A furnished panel, the message, how many mails a run sends, and whether it is a short one."""
 
     def __init__(self, name, size=3600, responders=1, forward=False, attachment=0, answered=None,
                  ans_freq=_ALWAYS, mails=None):
         self.name = name
+        self.short = size < 1 << 20
         self.mails = responders + forward if mails is None else mails
         self._size = size
         self._responders = responders
