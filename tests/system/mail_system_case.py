@@ -205,6 +205,27 @@ class MailSystemCases:
         self.assert_delivered(INFO, "When are you open?\n")
         self.assertEqual(envelope_sender(self.only_mail(SAM)), OFFICE)
 
+    def test_an_address_is_handed_over_whatever_it_is_made_of(self):
+        self.furnish()
+        self.receive(to=['"odd:x=/y $(id) $home"@all.example'])
+        self.assert_delivered(INFO, "When are you open?\n")
+        self.assertIn("autoresponder: Mailname not found: odd:x=/y $(id) $home@all.example", self.news())
+        self.assert_nothing_failed()
+
+    def test_a_line_of_one_dot_ends_what_sendmail_reads(self):
+        self.panel.forward(self.furnish(text="before\n.\nafter\n"), BOSS)
+        self.receive(text="first\n.\nlast\n")
+        self.assert_delivered(INFO, "first\n.\nlast\n")
+        self.assert_delivered(SAM, "before\n")
+        self.assert_delivered(BOSS, "first\n")
+
+    def test_a_reply_over_the_size_limit_becomes_the_short_one(self):
+        self.furnish(text="word " * 1000)
+        self.panel.databytes("1000\n")
+        self.receive()
+        self.assertIn(b"Autoresponder message size exceeds databytes limit.", self.only_mail(SAM))
+        self.assert_nothing_failed()
+
     def test_a_bounce_is_delivered_and_gets_nothing(self):
         self.furnish()
         self.receive(sender="", header=f"From: Mailer-Daemon <{SAM}>\n")

@@ -14,10 +14,10 @@ _SPOOL = pathlib.Path("/var/spool/exim4")
 _LOG = pathlib.Path("/var/log/exim4")
 _PID = pathlib.Path("/run/exim4/exim.pid")
 
-# What a host has already: local mailboxes, and an alias of one.
+# What a host has already: local mailboxes, an alias of one, and a domain all for one.
 _HOST = """
 primary_hostname = mail.example
-domainlist local_domains = example.com : sender.example : panel.example
+domainlist local_domains = example.com : sender.example : panel.example : all.example
 local_interfaces = 127.0.0.1
 host_lookup =
 keep_environment =
@@ -37,7 +37,8 @@ begin routers
 {routers}
 aliases:
   driver = redirect
-  data = ${{if eq{{$local_part@$domain}}{{office@example.com}}{{info@example.com}}}}
+  condition = ${{if or{{{{eq{{$local_part@$domain}}{{office@example.com}}}}{{eq{{$domain}}{{all.example}}}}}}}}
+  data = info@example.com
 mailboxes:
   driver = accept
   domains = +local_domains
@@ -64,10 +65,11 @@ class Exim(MailSystemCases, MailSystemTest):
         cls._finish_the_installation()
         cls._write_configuration(main="", routers="", transports="")
         subprocess.run(["exim4", "-bd"], check=True)
-        mail_system.wait_until("Exim's start", _PID.exists)
+        mail_system.wait_until("an answer over SMTP", mail_system.answers_smtp)
         (_CONFIGURATION / "autoresponder").write_text(guide.block("exim-list"))
         cls._write_configuration(*(guide.block(f"exim-{part}") for part in ("main", "router", "transport")))
         guide.run_block("exim-commands")
+        mail_system.wait_until("the new configuration", lambda: cls.log().count(" daemon started: ") == 2)
 
     @staticmethod
     def _finish_the_installation():
@@ -105,4 +107,5 @@ class Exim(MailSystemCases, MailSystemTest):
         self.furnish()
         self.stop_server()
         self.receive()
-        self.assertRegex(self.news(), r"Unable to connect to Quarx Database: ")
+        self.assertRegex(self.news(), r"<info@example\.com>: autoresponder transport output: "
+                                      r"autoresponder: Unable to connect to Quarx Database: .*mysqld\.sock")
