@@ -11,9 +11,13 @@ _GUIDE = pathlib.Path(__file__).resolve().parents[2] / "doc/operating.md"
 _BLOCK = re.compile(r"^<!-- block: (\S+) -->\n+```\w*\n(.*?)^```$", re.MULTILINE | re.DOTALL)
 
 
+def text():
+    return _GUIDE.read_text(encoding="utf-8")
+
+
 def block(name):
     """The block's text. Raises KeyError where the guide has no such block."""
-    return dict(_BLOCK.findall(_GUIDE.read_text(encoding="utf-8")))[name]
+    return dict(_BLOCK.findall(text()))[name]
 
 
 def run_block(name):
