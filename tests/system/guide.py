@@ -20,9 +20,14 @@ def block(name):
     return dict(_BLOCK.findall(text()))[name]
 
 
-def run_block(name):
-    """Runs the commands of a block, up to the first one that fails, which raises AssertionError."""
-    done = subprocess.run(["sh", "-ec", block(name)], stdin=subprocess.DEVNULL, capture_output=True,
-                          text=True, check=False)
+def run_commands(commands):
+    """Runs them by the shell, up to the first one that fails, which raises AssertionError; returns what they wrote."""
+    done = subprocess.run(["sh", "-ec", commands], stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                          check=False)
     if done.returncode != 0:
-        raise AssertionError(f"{block(name)}ended with {done.returncode}:\n{done.stdout}{done.stderr}")
+        raise AssertionError(f"{commands}ended with {done.returncode}:\n{done.stdout}{done.stderr}")
+    return done.stdout + done.stderr
+
+
+def run_block(name):
+    return run_commands(block(name))

@@ -270,6 +270,12 @@ class MailSystemCases:
         self.assertIn("Unable to open admin password file: Permission denied", self.news())
         self.assert_nothing_failed()
 
+    def test_a_mailbox_is_tried_by_hand(self):
+        self.furnish()
+        written = guide.run_commands(guide.block("by-hand").replace("you@example.org", SAM))
+        self.settle()
+        self.assertEqual((written, envelope_sender(self.only_mail(SAM))), ("", INFO))
+
     def test_with_the_set_user_id_bit_the_password_stays_for_root(self):
         self.skip_if_sanitized("the sanitizers' library doesn't trust its environment there")
         self.furnish()

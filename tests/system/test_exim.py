@@ -109,3 +109,13 @@ class Exim(MailSystemCases, MailSystemTest):
         self.receive()
         self.assertRegex(self.news(), r"<info@example\.com>: autoresponder transport output: "
                                       r"autoresponder: Unable to connect to Quarx Database: .*mysqld\.sock")
+
+    def test_the_check_of_a_listed_mailbox(self):
+        check = "exim4 -bt -f sender@example.org info@example.com"
+        self.assertIn(check.replace("info@example.com", "ADDRESS"), guide.text())
+        self.assertIn("router = autoresponder, transport = autoresponder\n", guide.run_commands(check))
+
+    def test_the_check_of_the_trusted_users(self):
+        check = "exim4 -bP trusted_users"
+        self.assertIn(check, guide.text())
+        self.assertEqual(guide.run_commands(check), "trusted_users = autoresponder\n")

@@ -7,7 +7,7 @@ import subprocess
 
 import guide
 import mail_system
-from mail_system_case import MAILBOXES, MailSystemCases, MailSystemTest
+from mail_system_case import MAILBOXES, SAM, MailSystemCases, MailSystemTest
 
 _CONFIGURATION = pathlib.Path("/etc/postfix")
 _SPOOL = pathlib.Path("/var/spool/postfix")
@@ -101,3 +101,17 @@ class Postfix(MailSystemCases, MailSystemTest):
                           self.news(), re.MULTILINE)[1]
         self.assertTrue(shown.startswith("autoresponder: Unable to connect to Quarx Database: "), shown)
         self.assertEqual(len(shown), 100)
+
+    def test_the_check_of_a_listed_mailbox(self):
+        check = "postmap -q info@example.com hash:/etc/postfix/autoresponder"
+        self.assertIn(check.replace("info@example.com", "ADDRESS"), guide.text())
+        self.assertEqual(guide.run_commands(check), "info@example.com, answer@autoresponder.invalid\n")
+
+    def test_a_reply_over_the_message_size_limit_is_refused_unless_databytes_says_so(self):
+        self.panel.attachment(self.furnish(), "large.bin", bytes(9_000_000))
+        self.receive()
+        self.assert_delivered(SAM)
+        self.assertIn("postdrop: warning: uid=", self.news())
+        self.panel.databytes("10240000\n")
+        self.receive()
+        self.assertIn(b"Autoresponder message size exceeds databytes limit.", self.only_mail(SAM))
