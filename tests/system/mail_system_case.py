@@ -16,6 +16,7 @@ import guide
 import mail_system
 import sandbox
 from harness import SystemTest
+from panel import PASSWORD_FILE
 
 PROGRAM = pathlib.Path("/usr/sbin/autoresponder")
 INFO, SALES, OFFICE = "info@example.com", "sales@example.com", "office@example.com"
@@ -68,17 +69,13 @@ class MailSystemTest(SystemTest):
         super().tearDownClass()
 
     def setUp(self):
+        """The password file is made anew for each case, so the guide's commands hold for it no longer."""
         super().setUp()
+        shutil.chown(PASSWORD_FILE, group="autoresponder")
+        PASSWORD_FILE.chmod(0o640)
         mail_system.put_sendmail_back()
         mail_system.empty_mailboxes()
-        self.let_the_group_read_the_password()
         self.log_begins = len(self.log())
-
-    def let_the_group_read_the_password(self):
-        """The password file is new in each case, so the guide's commands for it, all but the user's making, are run again."""
-        shadow = pathlib.Path("/etc/qrx/.qrx.shadow")
-        shutil.chown(shadow, group="autoresponder")
-        shadow.chmod(0o640)
 
     # Steps
 
@@ -150,6 +147,14 @@ class MailSystemCases:
         self.assertIn(b"\nprices.pdf\n", notification)
         self.assertEqual(len(mail_system.mailbox(SAM)), 1)
         self.assert_nothing_failed()
+
+    def test_an_attachment_that_cannot_be_reached_counts_as_missing(self):
+        responder = self.furnish()
+        self.panel.attachment(responder, "prices.pdf", b"from 5 to 10\n")
+        self.panel.attachment_folder(responder).parent.chmod(0o700)
+        self.receive()
+        self.assertIn(b"\nprices.pdf\n", self.only_mail(CLIENT))
+        self.assertFalse(parsed(self.only_mail(SAM)).is_multipart())
 
     def test_an_attachment_arrives(self):
         self.panel.attachment(self.furnish(), "prices.pdf", bytes(range(256)) * 40)
@@ -264,7 +269,7 @@ class MailSystemCases:
 
     def test_a_password_that_cannot_be_read_is_logged(self):
         self.furnish()
-        pathlib.Path("/etc/qrx/.qrx.shadow").chmod(0o600)
+        PASSWORD_FILE.chmod(0o600)
         self.receive()
         self.assert_delivered(INFO, "When are you open?\n")
         self.assertIn("Unable to open admin password file: Permission denied", self.news())
@@ -279,7 +284,7 @@ class MailSystemCases:
     def test_with_the_set_user_id_bit_the_password_stays_for_root(self):
         self.skip_if_sanitized("the sanitizers' library doesn't trust its environment there")
         self.furnish()
-        pathlib.Path("/etc/qrx/.qrx.shadow").chmod(0o600)
+        PASSWORD_FILE.chmod(0o600)
         self.addCleanup(PROGRAM.chmod, 0o755)
         self.addCleanup(subprocess.run, ["dpkg-statoverride", "--quiet", "--remove", PROGRAM], check=True)
         guide.run_block("set-user-id")

@@ -74,6 +74,33 @@ class LeastRights(SystemTest):
                                                    f"[`']{missing[1]}[`']")
 
 
+class Tables(SystemTest):
+    """The guide's list of tables, against the ones that all tests use."""
+
+    def listed(self):
+        """The rows of the list: (table, its columns, its indexes as lists of columns)."""
+        rows = re.findall(r"^\| `(\w+)` \| (.*?) \| (.*?) \| .* \|$", guide.text(), re.MULTILINE)
+        return [(table, re.findall(r"`(\w+)`", columns), [re.findall(r"\w+", index) for index in
+                                                          re.findall(r"`([^`]+)`", indexes.partition("none")[0])])
+                for table, columns, indexes in rows]
+
+    def test_are_the_ones_that_the_rights_are_for(self):
+        self.assertEqual({table for table, _, _ in self.listed()}, {table for _, table in rights()})
+
+    def test_have_these_columns(self):
+        for table, columns, _ in self.listed():
+            known = {row[0].decode() for row in self.sql(f"describe {table}")}
+            self.assertEqual(set(columns) - known, set(), table)
+
+    def test_have_these_indexes(self):
+        for table, _, indexes in self.listed():
+            known = [row[0].decode().split(",") for row in self.sql(
+                "select group_concat(column_name order by seq_in_index) from information_schema.statistics"
+                " where table_schema = 'qrx' and table_name = %s group by index_name", table)]
+            for index in indexes:
+                self.assertIn(index, known, table)
+
+
 class Qmail(SystemTest):
     """The line of the guide, run as qmail-local does; see qmail-command(8)."""
 
