@@ -59,6 +59,7 @@ class MailSystemTest(SystemTest):
         PROGRAM.unlink(missing_ok=True)
         shutil.copyfile(sandbox.PROGRAM, PROGRAM)
         PROGRAM.chmod(0o755)
+        mail_system.remove_user("autoresponder")
         guide.run_block("user")
         cls.configure()
         mail_system.wait_until("an answer over SMTP", mail_system.answers_smtp)

@@ -75,7 +75,7 @@ class Exim(MailSystemCases, MailSystemTest):
     def _finish_the_installation():
         """What the package's maintainer scripts do."""
         mail_system.add_user("Debian-exim")
-        _CONFIGURATION.mkdir()
+        mail_system.own_folder(_CONFIGURATION)
         for folder in (_SPOOL, _LOG, _PID.parent):
             folder.mkdir(parents=True)
             shutil.chown(folder, "Debian-exim", "Debian-exim")

@@ -60,7 +60,8 @@ class Postfix(MailSystemCases, MailSystemTest):
     def _finish_the_installation():
         """What the package's maintainer scripts do."""
         mail_system.add_user("postfix", group="postdrop")
-        shutil.copytree(mail_system.UNPACKED / "etc/postfix", _CONFIGURATION)
+        mail_system.own_folder(_CONFIGURATION)
+        shutil.copytree(mail_system.UNPACKED / "etc/postfix", _CONFIGURATION, dirs_exist_ok=True)
         shutil.copyfile(mail_system.UNPACKED / "usr/share/postfix/master.cf.dist", _CONFIGURATION / "master.cf")
         shutil.copytree(mail_system.UNPACKED / "var/spool/postfix", _SPOOL)
         data = pathlib.Path("/var/lib/postfix")
