@@ -232,6 +232,14 @@ class MailSystemCases:
         self.assertIn(b"Autoresponder message size exceeds databytes limit.", self.only_mail(SAM))
         self.assert_nothing_failed()
 
+    def test_two_responders_that_answer_each_other_stop_at_the_daily_limit(self):
+        self.furnish(text="info\n", ans_freq="2")
+        self.panel.responder(self.panel.mailbox(self.domain, "sales"), text="sales\n", ans_freq="2")
+        self.receive(sender=SALES, header=f"From: {SALES}\n")
+        self.assert_delivered(SALES, "info\n\n\n\n", "info\n\n\n\n")
+        self.assert_delivered(INFO, "When are you open?\n", "sales\n\n\n\n", "sales\n\n\n\n")
+        self.assert_nothing_failed()
+
     def test_a_bounce_is_delivered_and_gets_nothing(self):
         self.furnish()
         self.receive(sender="", header=f"From: Mailer-Daemon <{SAM}>\n")

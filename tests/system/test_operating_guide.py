@@ -153,6 +153,24 @@ class Causes(SystemTest):
         self.sql(f"update mail_resp set text = X'{'so 😀 long'.encode().hex()}' where id = %s", responder)
         self.assertIn(b"\nso ? long\n", self.run_program().mails[0].stdin)
 
+    def test_a_charset_that_is_none_is_reported(self):
+        self.furnish(charset="no-such-charset")
+        self.assertIn(b"Send error: Cannot convert", self.run_program().stderr)
+
+    def test_a_domain_that_cannot_be_written_in_ascii_is_reported(self):
+        domain = "x" * 64 + ".example"
+        self.panel.responder(self.panel.mailbox(self.panel.domain(domain)))
+        self.assertIn(b"IDN conversion error: ", self.run_program(recipient=f"info@{domain}").stderr)
+
+    def test_what_the_charset_of_the_reply_cannot_hold_is_a_question_mark_a_byte(self):
+        self.furnish(charset="US-ASCII", text="für alle\n")
+        self.assertIn(b"\nf??r alle\n", self.run_program().mails[0].stdin)
+
+    def test_a_missing_column_is_reported(self):
+        self.furnish()
+        self.drop_column("mail_resp", "charset")
+        self.assertIn(b"autoresponder: Unable to exec query :Unknown column 'charset'", self.run_program().stderr)
+
     def long_sender(self):
         return b"From: " + b"s" * 300 + b"@sender.example\n\ntext\n"
 
