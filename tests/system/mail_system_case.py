@@ -46,6 +46,7 @@ class MailSystemTest(SystemTest):
     shut_down(): ends it
     queue(): the files of the messages that aren't delivered yet
     log(): what it has logged, as text
+    last_line(answer): what ends the log of the message that was accepted with this answer
     failures(log): the lines of the log that tell of a bounced or deferred message
     """
 
@@ -86,13 +87,21 @@ class MailSystemTest(SystemTest):
         message = f"{header}To: {', '.join(to)}\n\n{text}"
         with smtplib.SMTP("127.0.0.1", timeout=mail_system.PATIENCE_SECONDS) as client:
             client.ehlo("client.example")
-            client.sendmail(sender, list(to), message)
+            client.mail(sender)
+            for address in to:
+                client.rcpt(address)
+            code, answer = client.data(message)
+        self.assertEqual(code, 250, answer)
+        self.wait_for("the message's end in the log", lambda: self.last_line(answer.decode()) in self.news())
         self.settle()
 
     def settle(self):
         """Returns when the queue has stayed empty for a look and another: mail moves on between two looks."""
+        self.wait_for("an empty queue", lambda: not any(self.queue() for _ in range(3)))
+
+    def wait_for(self, what, condition):
         try:
-            mail_system.wait_until("an empty queue", lambda: not any(self.queue() for _ in range(3)))
+            mail_system.wait_until(what, condition)
         except AssertionError as late:
             self.fail(f"{late}\n{self.news()}")
 

@@ -98,6 +98,10 @@ class Exim(MailSystemCases, MailSystemTest):
         return (_LOG / "mainlog").read_text(encoding="utf-8", errors="replace")
 
     @staticmethod
+    def last_line(answer):
+        return re.search(r"id=(\S+)", answer)[1] + " Completed"
+
+    @staticmethod
     def failures(log):
         """See "Logging information" in Exim's documentation: ** is a failed address, == a deferred one."""
         panic = _LOG / "paniclog"

@@ -21,7 +21,8 @@ def as_root_of_the_database(*statements):
 
 def rights():
     """The guide's grants, split so that each allows one thing: (what, table)."""
-    found = re.findall(r"^GRANT (.*) ON qrx\.(\w+) TO 'admin'@'localhost';$", guide.block("database-rights"), re.MULTILINE)
+    found = re.findall(r"^GRANT (.*) ON qrx\.(\w+) TO 'admin'@'localhost';$", guide.block("database-rights"),
+                       re.MULTILINE)
     return [(right, table) for rights_of_table, table in found for right in rights_of_table.split(", ")]
 
 
@@ -47,7 +48,7 @@ class LeastRights(SystemTest):
             *(f"grant {right} on qrx.{table} to 'admin'@'localhost'" for right, table in grants))
 
     def two_runs(self):
-        """A sender's first message, for which another sender is forgotten, and the second. The reports and the mails."""
+        """A sender's first message, for which another one is forgotten, and the second: their reports and mails."""
         results = [self.run_program(recipient=OFFICE) for _ in range(2)]
         return b"".join(result.stderr for result in results), [mail for result in results for mail in result.mails]
 
@@ -125,7 +126,8 @@ class Qmail(SystemTest):
         self.assertEqual(self.mails(), [])
 
     def test_hands_an_address_over_whatever_it_is_made_of(self):
-        self.assertIn(b"Mailname not found: a $(exit 7) 'b\" ;c@example.com", self.run_line(EXT="a $(exit 7) 'b\" ;c").stderr)
+        odd = "a $(exit 7) 'b\" ;c"
+        self.assertIn(f"Mailname not found: {odd}@example.com".encode(), self.run_line(EXT=odd).stderr)
 
     def test_ends_with_0_when_the_program_ends_with_1(self):
         self.furnish(charset="no-such-charset")
@@ -208,7 +210,8 @@ class Reports(SystemTest):
         table = re.findall(r"^\| (`.*?) \| ", guide.text(), re.MULTILINE)
         reports = [report for cell in table for report in re.findall(r"`([^`]+)`", cell) if " " in report.strip()]
         self.assertGreater(len(reports), 10)
-        sources = [path.read_text() for folder in ("autoresponder", "lib") for path in (SOURCES / folder).rglob("*.[ch]*")]
+        sources = [path.read_text() for folder in ("autoresponder", "lib")
+                   for path in (SOURCES / folder).rglob("*.[ch]*")]
         texts = re.sub(r'"\s*"', "", "".join(sources))
         for report in reports:
             constant = report.removeprefix("autoresponder: ").replace(": Permission denied", ": ").rstrip("'")

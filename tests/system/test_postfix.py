@@ -91,6 +91,10 @@ class Postfix(MailSystemCases, MailSystemTest):
         return _LOG.read_text(encoding="utf-8", errors="replace")
 
     @staticmethod
+    def last_line(answer):
+        return re.search(r"queued as (\w+)", answer)[1] + ": removed"
+
+    @staticmethod
     def failures(log):
         return re.findall(r".*status=(?!sent).*|.*postfix/\w+\[\d+\]: (?:fatal|panic|error|warning): .*", log)
 
