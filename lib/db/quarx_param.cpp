@@ -60,6 +60,7 @@ const char* get_param_from_bigquery(const char* query, MYSQL* conn, int column) 
         failed = result == nullptr && mysql_errno(session.get()) != 0;
     }
     if (failed) {
+        shut_unless_refused(session.get());
         messlog2(0, 1, "Unable to query parameter by query %s: %s\n", query,
                  mysql_error(session.get()));
         return nullptr;
