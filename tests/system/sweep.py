@@ -108,7 +108,9 @@ def started_before(statements, at):
 class SweepTest(FaultTest, DatabaseTest):
     def setUp(self):
         super().setUp()
-        self.skip_if_sanitized("strace and a replaced malloc don't get along with the sanitizers")
+        self.skip_if_sanitized("strace and preloaded libraries don't get along with the sanitizers")
+        if program_run.COVERAGE:
+            self.skipTest("the counters of a coverage build are written by calls that would fail too")
         self.panel.param("admin_email", "")
         self.panel.param("FullHostName", HOST)
         self.panel.databytes("1000000")

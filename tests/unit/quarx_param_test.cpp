@@ -271,6 +271,12 @@ TEST_F(QuarxParam, a_quote_is_escaped) {
     EXPECT_STREQ(OwnedText(escape_mysql_param(conn(), "O'Brien")).get(), "O\\'Brien");
 }
 
+TEST_F(QuarxParam, a_quote_is_doubled_where_the_server_knows_no_backslashes) {
+    const MysqlConnection own{db_connect()};
+    ASSERT_EQ(mysql_query(own.get(), "set sql_mode='NO_BACKSLASH_ESCAPES'"), 0);
+    EXPECT_STREQ(OwnedText(escape_mysql_param(own.get(), "O'Bri\\en")).get(), "O''Bri\\en");
+}
+
 TEST_F(QuarxParam, every_special_byte_is_escaped) {
     EXPECT_STREQ(OwnedText(escape_mysql_param(conn(), "\n\r\\'\"\x1a")).get(),
                  "\\n\\r\\\\\\'\\\"\\Z");
