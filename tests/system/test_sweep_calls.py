@@ -25,6 +25,10 @@ NOT_EXECUTED = rb'fork_execv: execv\("/usr/sbin/sendmail"\) failed: '
 
 
 class CallsFail(SweepTest):
+    def setUp(self):
+        super().setUp()
+        self.need_plain_program()
+
     def sweep(self, calls, *errors, missable=False):
         """Each call of these names fails once with each of the errors; which name it has the C library decides.
 
@@ -131,6 +135,10 @@ class CallsFail(SweepTest):
 
 class ChildrensCallsFail(SweepTest):
     """A child that doesn't get to be sendmail says so itself, and the run goes on as if it had."""
+
+    def setUp(self):
+        super().setUp()
+        self.need_plain_program()
 
     def fail_in_children(self, call, error, line=None, **how):
         """The first such call of each child fails, and each of them writes the line, or is sendmail after all."""

@@ -12,6 +12,10 @@ FEWEST_CLOSES = 10
 
 
 class ClosesFail(SweepTest):
+    def setUp(self):
+        super().setUp()
+        self.need_plain_program()
+
     def sweep(self, error):
         name = errno.errorcode[error]
         for number in itertools.count(1):

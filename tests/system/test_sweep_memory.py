@@ -45,6 +45,7 @@ MOST_CLIENT_CRASHES = 2
 class AllocationsFail(SweepTest):
     def setUp(self):
         super().setUp()
+        self.need_plain_program()
         self.crashes = 0
 
     def run_failing(self, which=None):
