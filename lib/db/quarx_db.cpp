@@ -90,6 +90,7 @@ bool is_refusal(unsigned error) {
 } // namespace
 
 void shut_unless_refused(MYSQL* connection) {
+    const ErrnoKeeper keeper;
     if (!is_refusal(mysql_errno(connection)))
         mariadb_cancel(connection);
 }
@@ -129,6 +130,7 @@ MYSQL* quarx_db_connect_ex(char* errbuf, size_t size) {
                  mysql_error(connection));
     else
         snprintf(errbuf, size, "DB error (%s): unknown error", step);
+    shut_unless_refused(connection);
     return connection;
 }
 

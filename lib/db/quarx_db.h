@@ -10,6 +10,10 @@
 // all. A statement that was given up may still be carried out when the server goes on. A server
 // that sends a byte now and then is waited for longer; it is the panel's own, and trusted that far.
 //
+// A statement that fails for another reason than the server's refusal, such as exhausted memory,
+// leaves a connection on which all later ones fail: what is left of its answer must not be taken
+// for theirs.
+//
 // Nothing here throws. Only exhausted memory ends the process (status 1, by `messlog2`).
 #pragma once
 

@@ -31,6 +31,7 @@ private:
 int execute(MYSQL* connection, const OwnedText& statement, const char* failure, const char* name) {
     if (mysql_real_query(connection, statement.get(), strlen(statement.get())) == 0)
         return 0;
+    shut_unless_refused(connection);
     messlog2(0, 1, failure, name, mysql_error(connection));
     return -1;
 }

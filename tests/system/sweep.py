@@ -7,6 +7,7 @@ an earlier run: sweep_rules.py says what a fault may do, and judge() holds a run
 
 import collections
 import dataclasses
+import os
 import re
 import sys
 
@@ -16,9 +17,11 @@ import spool
 from database_test import DatabaseTest
 from fault_case import SENDMAIL, SENDER, TEXT, FaultTest
 from harness import MESSAGE, RECIPIENT
+from panel import MAILNAMES
 
 PATIENCE_SECONDS = 20
 ATTACHMENT = b"an attachment " * 100
+BOXES = "/var/qmail/boxes"  # not the default, so that a lost configuration would show
 HOST = "panel.host.example"
 CLIENT = "carla@panel.example"
 SECOND_TEXT = "Gr\u00fc\u00dfe\n"
@@ -111,6 +114,9 @@ class SweepTest(FaultTest, DatabaseTest):
         self.panel.param("admin_email", "")
         self.panel.param("FullHostName", HOST)
         self.panel.databytes("1000000")
+        self.panel.configuration(f"QUARX_MAILNAMES_D {BOXES}\n")
+        os.symlink(MAILNAMES, BOXES)
+        self.addCleanup(os.unlink, BOXES)
         self.panel.attachment(self.responder, "here", ATTACHMENT)
         self.second = self.panel.responder(self.mailbox, text=SECOND_TEXT, charset="ISO-8859-1",
                                            subject="About <request_subject>", reply_to="desk@example.com")

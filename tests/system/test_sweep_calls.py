@@ -5,9 +5,6 @@ descriptor and only then reports an error; it fails in test_sweep_closes. strace
 process by itself, so what a child does before it is sendmail fails in every child alike. Not made to fail here:
 calls that the kernel has no error for, such as getpid(2), and brk(2), whose failure is no error but the old break;
 what follows when memory runs out is in test_sweep_memory and test_faults_memory.
-
-QRX_SWEEP=full has the loader's search for a library, whose calls all fail anyway, fail at every place;
-otherwise it fails at its first and its last.
 """
 
 import errno
@@ -19,7 +16,6 @@ from sweep import ALL, Outcome, SweepTest
 from sweep_rules import Fault, Story
 
 MAIN = re.compile(r"fcntl\(0.*F_GETFD")
-SEARCH = re.compile(r"\w+\(AT_FDCWD[^,]*, \"(/usr)?/lib.* = -1 ENOENT")
 NOT_PLACED = rb"fork_execv: dup\(\) failed: "
 NOT_EXECUTED = rb'fork_execv: execv\("/usr/sbin/sendmail"\) failed: '
 
@@ -47,11 +43,8 @@ class CallsFail(SweepTest):
     def places(call, trace):
         """The numbers of the calls to fail."""
         first = next(at for at, line in enumerate(trace) if MAIN.match(line))
-        made = [(at >= first, line) for at, line in enumerate(trace) if line.startswith(call + "(")]
-        numbered = [(number, line) for number, (ours, line) in enumerate(made, 1) if ours]
-        search = [number for number, line in numbered if SEARCH.match(line)]
-        dropped = set() if os.environ.get("QRX_SWEEP") == "full" else set(search[1:-1])
-        return [number for number, _ in numbered if number not in dropped]
+        made = [at for at, line in enumerate(trace) if line.startswith(call + "(")]
+        return [number for number, at in enumerate(made, 1) if at >= first]
 
     def fail_once(self, call, fault, name, number, missable):
         result, statements = self.run_once(strace=[
