@@ -96,6 +96,7 @@ class Story:
     copy: bool = False     # the copy of the message is in /tmp
     response: bool = False
     written: int = 0       # bytes of the copy
+    replied: int = 0       # bytes of the reply under way
     statement: str = ""    # the last one sent
     connected: bool = False
     logged_in: bool = False
@@ -113,7 +114,9 @@ class Story:
             self.copy = self.copy or "/qrx-autoresponder-" in match[1]
             self.response = self.response or "/qrx-response-uu-" in match[1]
         elif re.match(r'unlink\("/tmp/qrx-response-uu-.* = 0', line):
-            self.response = False
+            self.response, self.replied = False, 0
+        elif match := re.match(r"writev?\(\d+</tmp/qrx-response-uu-.* = (\d+)$", line):
+            self.replied += int(match[1])
         elif match := re.match(r"write\(\d+</tmp/qrx-autoresponder-.* = (\d+)$", line):
             self.written += int(match[1])
         elif match := re.match(rf"read\(\d+<[^>]*{ATTACHED}>.* = (\d+)$", line):
@@ -228,8 +231,8 @@ def attachment_not_opened(story, fault):
 
 
 def reply_not_written(story, fault):
-    """The reply's text is written in one piece here; an empty message goes out, as the rules for it are."""
-    return alters(reply(story.responder, text=b""))
+    """What was written goes out, maybe nothing; nobody is told."""
+    return alters(reply(story.responder, text=reply(story.responder).text[:story.replied]))
 
 
 def no_pipe(story, fault):
@@ -273,7 +276,7 @@ RULES = [
     (rf"newfstatat\(AT_FDCWD[^,]*, \".*{ATTACHED}\"", attachment_not_found),
     (rf"openat\(.*{ATTACHED}\"", attachment_not_opened),
     (rf"(read|newfstatat)\(\d+<[^>]*{ATTACHED}>", attachment_short),
-    (r"write\(\d+</tmp/qrx-response-uu-", reply_not_written),
+    (r"writev?\(\d+</tmp/qrx-response-uu-", reply_not_written),
     (r"openat\(.*/qrx-response-uu-\w+\", O_RDONLY", not_opened()),
     (r"newfstatat\(\d+</tmp/qrx-response-uu-", reply_not_looked_at),
     (r"pipe2\(", no_pipe),

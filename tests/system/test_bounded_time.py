@@ -44,13 +44,3 @@ class SilentServer(DatabaseTest):
         self.proxy.spoil(7, "silence")
         result = self.run_program(timeout=2 * ANSWER_SECONDS)
         self.assert_given_up(result, ANSWER_SECONDS)
-
-
-class NameService(DatabaseTest):
-    def test_is_not_asked(self):
-        """It may wait for the network: nsswitch.conf(5)."""
-        self.furnish()
-        trace = self.run_program(strace=["-e", "trace=%file,%network", "-e", "signal=none"]).trace
-        self.assertIn("mysqld.sock", trace)
-        for place in ("nsswitch.conf", "/nscd/", "/etc/services", "libnss"):
-            self.assertNotIn(place, trace)
