@@ -5,19 +5,25 @@
 namespace {
 
 [[noreturn]] void exit_failed(MYSQL* connection, const char* message) {
-    report_and_exit(std::string(message) + mysql_error(connection));
+    report_and_exit(message, mysql_error(connection));
 }
 
 } // namespace
 
 bool send_statement(MYSQL* connection, const std::string& statement) {
-    return mysql_real_query(connection, statement.data(), statement.size()) == 0;
+    if (mysql_real_query(connection, statement.data(), statement.size()) == 0)
+        return true;
+    shut_unless_refused(connection);
+    return false;
 }
 
 MysqlResult store_query(MYSQL* connection, const std::string& query) {
     if (!send_statement(connection, query))
         return nullptr;
-    return MysqlResult(mysql_store_result(connection));
+    MysqlResult result(mysql_store_result(connection));
+    if (!result && mysql_field_count(connection) != 0) // else the statement has none to give
+        shut_unless_refused(connection);
+    return result;
 }
 
 void send_or_exit(MYSQL* connection, const std::string& statement) {

@@ -30,6 +30,9 @@ BUILD = CHECKOUT / "build"
 _SEEN_AT = pathlib.Path("/sandbox/checkout") if CHECKOUT.is_relative_to("/tmp") else CHECKOUT
 PROGRAM = "/sandbox/autoresponder"
 GMIME_HEADERS = "/sandbox/gmime_headers"
+FAIL_MALLOC = "/sandbox/fail_malloc.so"
+FAIL_CLOSE = "/sandbox/fail_close.so"
+SHORTEN_WAITS = "/sandbox/shorten_waits.so"
 RECORDER = "/sandbox/recording_sendmail"
 SENDMAIL = "/usr/sbin/sendmail"
 SPOOL = "/sandbox/spool"
@@ -81,6 +84,9 @@ def _programs_under_test():
         PROGRAM: ("AUTORESPONDER", folder / "autoresponder/autoresponder"),
         RECORDER: ("QRX_RECORDING_SENDMAIL", folder / "tests/system/recording_sendmail"),
         GMIME_HEADERS: ("QRX_GMIME_HEADERS", folder / "tests/system/gmime_headers"),
+        FAIL_MALLOC: ("QRX_FAIL_MALLOC_LIBRARY", folder / "tests/system/fail_malloc.so"),
+        FAIL_CLOSE: ("QRX_FAIL_CLOSE_LIBRARY", folder / "tests/system/fail_close.so"),
+        SHORTEN_WAITS: ("QRX_SHORTEN_WAITS_LIBRARY", folder / "tests/system/shorten_waits.so"),
     }
     return {inside: os.path.abspath(os.environ.get(name, path))
             for inside, (name, path) in known.items()}
