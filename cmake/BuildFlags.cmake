@@ -13,6 +13,12 @@ if(QRX_SANITIZE)
     target_link_options(qrx_build_flags INTERFACE ${sanitizers})
 endif()
 
+if(QRX_FUZZ)
+    # Counts the edges that an input reaches; only the fuzz targets are linked with the fuzzer itself.
+    target_compile_options(qrx_build_flags INTERFACE -fsanitize=fuzzer-no-link)
+    target_link_options(qrx_build_flags INTERFACE -fsanitize=fuzzer-no-link)
+endif()
+
 # qrx_hardening: for what is shipped. Fortification needs optimisation and does not mix with the
 # sanitizers.
 add_library(qrx_hardening INTERFACE)
@@ -20,6 +26,9 @@ if(CMAKE_BUILD_TYPE STREQUAL "Release" AND NOT QRX_SANITIZE)
     target_compile_options(qrx_hardening INTERFACE
         -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2 -fstack-protector-strong)
     target_link_options(qrx_hardening INTERFACE -Wl,-z,relro,-z,now)
+    # What nothing refers to is left out, of our code and of the archives.
+    target_compile_options(qrx_hardening INTERFACE -ffunction-sections -fdata-sections)
+    target_link_options(qrx_hardening INTERFACE -Wl,--gc-sections)
 endif()
 
 if(QRX_COVERAGE)

@@ -1,7 +1,9 @@
 // Internationalised domain names between UTF-8 and their ASCII ("xn--") form, by GNU libidn: IDNA
 // of 2003, RFC 3490, without unassigned code points and without the STD3 rules for host names.
 //
-// Names are UTF-8 and end at their first NUL byte. All failures are exceptions.
+// Names are UTF-8 and end at their first NUL byte. All failures are exceptions. libidn's time grows
+// with the square of a name's length: a hostile one of 128 KiB, the longest that an environment
+// variable holds (execve(2)), takes it some seconds.
 #pragma once
 
 #include <exception>

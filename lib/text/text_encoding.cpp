@@ -1,5 +1,7 @@
 #include "text_encoding.h"
 
+#include "complaints.h"
+
 #include <iconv.h>
 
 #include <algorithm>
@@ -8,7 +10,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <iostream>
 #include <map>
 #include <stdexcept>
 #include <string_view>
@@ -36,7 +37,7 @@ private:
 
     void write() {
         if (!lines_.empty())
-            std::cerr << lines_ << std::flush;
+            write_complaints(lines_);
         lines_.clear();
     }
 

@@ -17,8 +17,12 @@ namespace twin {
 // iconv is shown all that is left of the text, in each call.
 inline std::string recode(const std::string& text, const std::string& from, const std::string& to,
                           bool skip_invalid) {
+    const auto is_too_long = [](const std::string& name) {
+        return std::string(name.c_str()).size() > 256;
+    };
     const iconv_t none = reinterpret_cast<iconv_t>(-1);
-    const iconv_t cd = iconv_open(to.c_str(), from.c_str());
+    const iconv_t cd =
+        is_too_long(from) || is_too_long(to) ? none : iconv_open(to.c_str(), from.c_str());
     if (cd == none)
         throw std::runtime_error("Cannot convert from " + from + " to " + to);
     std::string copy = text;
