@@ -3,10 +3,13 @@
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/auxv.h>
 #include <unistd.h>
 
 namespace {
+
+constexpr int kOwnMemoryBytes = 128 * 1024;
 
 // What the MariaDB client takes from the environment: the server's place, its credentials, where
 // its plugins lie and which to load, where its option files lie. See "Environment Variables" in the
@@ -36,6 +39,8 @@ void prepare_process() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
         if (fcntl(fd, F_GETFD) == -1)
             open("/dev/null", O_RDWR);
+    // Left to itself, malloc(3) would keep large blocks once it has seen one freed; mallopt(3).
+    mallopt(M_MMAP_THRESHOLD, kOwnMemoryBytes);
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
     if (getauxval(AT_SECURE) != 0)

@@ -6,6 +6,7 @@
 // its number. Ignores SIGPIPE and SIGXFSZ, so that neither a sendmail that stops reading nor a
 // limit on file sizes ends the run (children get both back at their defaults). In a process with
 // more rights than its caller it drops from the environment what would turn the database client.
+// Freed blocks of 128 KiB and more go back to the system.
 void prepare_process();
 
 // Takes user and group 0, in that order. Where that is not allowed the run goes on as it is.

@@ -47,3 +47,4 @@ qrx_sandbox_unit_test(responder_test spawned_test_support panel_test_support qua
 qrx_isolate(responder_test)
 qrx_wrap(responder_test malloc)
 qrx_unit_test(templates_test autoresponder_core)
+qrx_unit_test(text_pieces_test autoresponder_core)
