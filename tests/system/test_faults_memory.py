@@ -103,11 +103,12 @@ class AddressSpaceLimited(FaultTest):
         """Limits from what the loader can't do with up to the first one that is enough."""
         self.skip_if_sanitized("the sanitizers need more address space than any limit leaves")
         known = ((127, None), (None, signal.SIGABRT), (0, None), (1, None))
-        for mebibytes in range(8, 128, 2):
+        limits = [*range(2048, 16384, 256), *range(16384, 131072, 2048)]
+        for kibibytes in limits:
             spool.empty()
             program_run.empty_tmp()
-            result = self.run_program(message=LARGE, rlimits={"as": mebibytes << 20})
-            with self.subTest(mebibytes=mebibytes):
+            result = self.run_program(message=LARGE, rlimits={"as": kibibytes << 10})
+            with self.subTest(kibibytes=kibibytes):
                 self.assertIn((result.status, result.signal), known, result.stderr)
                 self.assertEqual(result.stderr == b"", len(result.mails) == 3, result.stderr)
                 if result.status == 127:
@@ -115,7 +116,7 @@ class AddressSpaceLimited(FaultTest):
             if result.stderr == b"":
                 break
         self.assert_ended(result)
-        self.assertGreater(mebibytes, 8)
+        self.assertGreater(kibibytes, limits[0])
 
 
 class LargeAttachment(FaultTest):
