@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <fcntl.h>
+#include <memory>
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,7 +21,8 @@ namespace {
 
 constexpr size_t kBytesPerLine = 45;
 constexpr size_t kCharsPerLine = kBytesPerLine / 3 * 4;
-constexpr size_t kLinesPerBlock = 1024;
+// As many as ResponseFile hands on without keeping them.
+constexpr size_t kLinesPerBlock = 1088;
 
 bool exists(const std::string& path) {
     struct stat status {};
@@ -67,13 +69,15 @@ size_t encode_lines(const unsigned char* bytes, size_t size, char* lines) {
 }
 
 void write_contents(int fd, ResponseFile& file) {
-    std::vector<unsigned char> bytes(kLinesPerBlock * kBytesPerLine);
-    std::vector<char> lines(kLinesPerBlock * (kCharsPerLine + 1) + 1);
+    constexpr size_t kBlockBytes = kLinesPerBlock * kBytesPerLine;
+    // Not filled with zeros: of a small file only a little is touched.
+    const std::unique_ptr<unsigned char[]> bytes(new unsigned char[kBlockBytes]);
+    const std::unique_ptr<char[]> lines(new char[kLinesPerBlock * (kCharsPerLine + 1) + 1]);
     size_t count;
     do {
-        count = read_full(fd, bytes.data(), bytes.size());
-        file.write({lines.data(), encode_lines(bytes.data(), count, lines.data())});
-    } while (count == bytes.size());
+        count = read_full(fd, bytes.get(), kBlockBytes);
+        file.write({lines.get(), encode_lines(bytes.get(), count, lines.get())});
+    } while (count == kBlockBytes);
 }
 
 void write_attachment(const std::string& directory, const std::string& name,

@@ -85,7 +85,7 @@ void handle_or_end_run(const Run& run, MYSQL_ROW row) {
 
 int db_mail_act(Mail_content* content) {
     // mysql_escape_string() reads what only the client library's start sets up.
-    mysql_server_init(0, nullptr, nullptr);
+    quarx_db_start_client();
     const OwnedText domain = escape_buffer(content->domain);
     const OwnedText mailname = escape_buffer(content->mailname);
     escape_into(domain.get(), content->domain);

@@ -10,8 +10,9 @@
 #include <sys/types.h>
 
 // One reply's file. The first reply of a run gives resp_uu_file_name its name; later ones use the
-// name again, each with a file created anew, or another name where that one can't be had again. Failures are not reported: what can't be created or
-// written is missing from the file, and delivery tells about a file that isn't there.
+// name again, each with a file created anew, or another name where that one can't be had again.
+// Failures are not reported: what can't be created or written is missing from the file, and
+// delivery tells about a file that isn't there.
 class ResponseFile {
 public:
     // Completes the name in place (mkstemp(3)) where that hasn't been done in this run.

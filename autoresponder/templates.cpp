@@ -153,9 +153,9 @@ void qs(par_templ* table, int left, int right) {
         int j = right;
         const char* pivot = table[left + (right - left) / 2].name;
         while (i <= j) {
-            while (std::strcmp(table[i].name, pivot) < 0 && i < right)
+            while (i < right && std::strcmp(table[i].name, pivot) < 0)
                 ++i;
-            while (std::strcmp(table[j].name, pivot) > 0 && j > left)
+            while (j > left && std::strcmp(table[j].name, pivot) > 0)
                 --j;
             if (i <= j)
                 std::swap(table[i++], table[j--]);

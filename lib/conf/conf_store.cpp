@@ -170,7 +170,10 @@ int conf_init_r(conf_store* store) {
         auto* const entries = static_cast<conf_entry*>(calloc(kFirstSlots, sizeof(conf_entry)));
         if (entries == nullptr)
             return -1;
-        *store = {entries, kFirstSlots, 0, 1};
+        store->entries = entries;
+        store->capacity = kFirstSlots;
+        store->count = 0;
+        store->sorted = 1;
         return 0;
     }
     if (store->count < store->capacity)

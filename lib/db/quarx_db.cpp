@@ -8,6 +8,9 @@
 #include <cstdio>
 #include <cstring>
 
+// Weak, because only the client's archive has it: the shared library keeps it to itself.
+extern "C" [[gnu::weak]] unsigned int mysql_port;
+
 namespace {
 
 constexpr const char* kPasswordPath = "/etc/qrx/.qrx.shadow";
@@ -64,10 +67,19 @@ MYSQL* close_if_failed(MYSQL* connection) {
 
 } // namespace
 
+void quarx_db_start_client() {
+    // The server's TCP port, which nothing here uses. While it is 0, the start looks it up in the
+    // services database, which costs some hundred system calls; see getservbyname(3).
+    if (&mysql_port != nullptr && mysql_port == 0)
+        mysql_port = MYSQL_PORT;
+    mysql_server_init(0, nullptr, nullptr);
+}
+
 MYSQL* quarx_db_connect_raw_ex(char* errbuf, size_t size) {
     Password password;
     if (!read_password(password, errbuf, size))
         return nullptr;
+    quarx_db_start_client();
     MysqlConnection connection{mysql_init(nullptr)};
     if (connection == nullptr) {
         snprintf(errbuf, size, "Unable to initialize MySQL connection structure: %s",

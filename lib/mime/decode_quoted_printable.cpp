@@ -3,7 +3,10 @@
 #include "mimelib.h"
 #include "views.h"
 
+#include <algorithm>
 #include <array>
+#include <bit>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <string_view>
@@ -29,40 +32,51 @@ int escaped_byte(const char* in, const char* end) {
     return (high | low) < 0 ? -1 : high * 16 + low;
 }
 
-bool has_equals_sign(uint64_t eight_bytes) {
+// How many of the eight bytes stand before the first "="; 8 where there is none.
+size_t bytes_before_equals_sign(uint64_t eight_bytes) {
     constexpr uint64_t kOnes = 0x0101010101010101;
+    if constexpr (std::endian::native == std::endian::big)
+        eight_bytes = __builtin_bswap64(eight_bytes);
     const uint64_t zero_where_equal = eight_bytes ^ kOnes * '=';
-    return ((zero_where_equal - kOnes) & ~zero_where_equal & kOnes << 7) != 0;
+    // The lowest bit that is set is the top bit of the first zero byte.
+    const uint64_t found = (zero_where_equal - kOnes) & ~zero_where_equal & kOnes << 7;
+    return static_cast<size_t>(std::countr_zero(found)) / 8;
 }
 
-// Copies what stands before the next "="; moves both on. The output never is ahead of the input, so
-// there is room for eight bytes where eight are read.
-void copy_run(const char*& in, const char* end, char*& out) {
-    for (; end - in >= 8 && *in != '='; in += 8, out += 8) {
+// Copies what stands before the next "=" or the line's end; moves both on. The output is never
+// ahead of the input, so there is room for eight bytes wherever eight are left of the text.
+void copy_run(const char*& in, const char* line_end, const char* text_end, char*& out) {
+    while (text_end - in >= 8) {
         uint64_t eight_bytes;
         std::memcpy(&eight_bytes, in, sizeof eight_bytes);
-        if (has_equals_sign(eight_bytes))
-            break;
         std::memcpy(out, &eight_bytes, sizeof eight_bytes);
+        const size_t run =
+            std::min(bytes_before_equals_sign(eight_bytes), static_cast<size_t>(line_end - in));
+        in += run;
+        out += run;
+        if (run < 8)
+            return;
     }
-    while (in != end && *in != '=')
+    while (in != line_end && *in != '=')
         *out++ = *in++;
 }
 
 // Writes a line without its line end to `out`; returns behind it. Clears `well_formed` where an "="
 // stands for nothing.
-char* decode_line(std::string_view line, char* out, bool& well_formed) {
+char* decode_line(std::string_view line, const char* text_end, char* out, bool& well_formed) {
     const char* in = line.data();
     const char* const end = in + line.size();
-    for (;;) {
-        copy_run(in, end, out);
-        if (in == end)
-            return out;
+    while (in != end) {
+        if (*in != '=') {
+            copy_run(in, end, text_end, out);
+            continue;
+        }
         const int byte = escaped_byte(in, end);
         well_formed = well_formed && byte >= 0;
         *out++ = byte < 0 ? '=' : static_cast<char>(byte);
         in += byte < 0 ? 1 : 3;
     }
+    return out;
 }
 
 std::string_view without_space_at_end(std::string_view line) {
@@ -85,7 +99,7 @@ int DwDecodeQuotedPrintable(const DwString& source, DwString& dest) {
         const bool joined = line.ends_with('=');
         if (joined)
             line.remove_suffix(1);
-        out = decode_line(line, out, well_formed);
+        out = decode_line(line, text.data() + text.size(), out, well_formed);
         if (ended && !joined)
             *out++ = '\n';
         text.remove_prefix(ended ? line_feed + 1 : text.size());

@@ -2,9 +2,30 @@
 #include "mimelib.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <sys/mman.h>
+
+namespace {
+
+// Asks for huge pages (madvise(2)) under a large buffer: half of the time that filling one takes
+// goes into its 4096-byte pages. Where there are none, nothing changes.
+void prefer_huge_pages(void* bytes, size_t size) {
+    constexpr uintptr_t kHugePage = 2 * 1024 * 1024;
+    const auto address = reinterpret_cast<uintptr_t>(bytes);
+    const uintptr_t begin = (address + kHugePage - 1) & ~(kHugePage - 1);
+    const uintptr_t end = (address + size) & ~(kHugePage - 1);
+    if (begin >= end)
+        return;
+    const int kept_errno = errno;
+    madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+    errno = kept_errno;
+}
+
+} // namespace
 
 // Bytes from malloc, so that growing may move pages instead of copying them (realloc(3)).
 struct DwString::Buffer {
@@ -17,6 +38,8 @@ struct DwString::Buffer {
         void* moved = std::realloc(bytes, wanted);
         if (!moved)
             throw std::bad_alloc();
+        if (!bytes) // growing may move them, which huge pages make slow
+            prefer_huge_pages(moved, wanted);
         bytes = static_cast<char*>(moved);
         capacity = wanted;
     }

@@ -14,7 +14,8 @@
 // LF, and a lone CR is an ordinary character.
 //
 // Objects are not safe to use from several threads at once. Pointers and references into a message
-// live as long as the message.
+// live as long as the message, but those to a list's elements behind the first 1000: such an
+// element lives until Next() has given the one behind it, or another walk has come to it.
 #pragma once
 
 #include <cstddef>
@@ -106,14 +107,19 @@ private:
 
 bool operator==(const DwString& left, const char* right);
 
-// An owning list whose nodes are made one by one as they are walked. They stay where they are, and
-// are freed in a loop, however many they are.
+// An owning list whose nodes are made one by one as they are walked. The first kKept stay where
+// they are for the list's life. Of those behind them there is one at a time, which goes when the
+// walk goes on to the next: a hostile message has millions, each many times as large as its text.
+// Every walk makes them anew. Nodes are freed in a loop, however many they are.
 template <class Node> class DwChain {
 public:
-    // Makes the next node; null at the end, after which it is not called again.
+    // Makes the next node; null at the end, after which it is not called again. A copy goes on on
+    // its own.
     using Source = std::function<std::unique_ptr<Node>()>;
 
-    explicit DwChain(Source source) : source_(std::move(source)) { extend(); }
+    static constexpr size_t kKept = 1000;
+
+    explicit DwChain(Source source) : source_(std::move(source)) { keep(); }
     DwChain(const DwChain&) = delete;
     DwChain& operator=(const DwChain&) = delete;
     ~DwChain() {
@@ -127,25 +133,53 @@ public:
     Node* first() const { return first_; }
     // The node behind `node`, made now if `node` is the last one so far; null at the end.
     static Node* behind(const Node& node) {
-        return node.next_ ? node.next_ : node.chain_->extend();
+        return node.next_ ? node.next_ : node.chain_->extend(node);
     }
 
 private:
-    Node* extend() {
-        Node* added = source_ ? source_().release() : nullptr;
-        if (!added) {
-            source_ = nullptr;
+    Node* extend(const Node& last) {
+        if (&last == passing_.get())
+            return pass();
+        if (kept_ < kKept)
+            return keep();
+        rest_ = source_;
+        return pass();
+    }
+
+    Node* keep() {
+        Node* added = make(source_).release();
+        if (!added)
             return nullptr;
-        }
-        added->chain_ = this;
         (last_ ? last_->next_ : first_) = added;
         last_ = added;
+        ++kept_;
         return added;
+    }
+
+    Node* pass() {
+        std::unique_ptr<Node> added = make(rest_);
+        if (!added)
+            return nullptr;
+        passing_ = std::move(added);
+        return passing_.get();
+    }
+
+    std::unique_ptr<Node> make(Source& source) {
+        std::unique_ptr<Node> node = source ? source() : nullptr;
+        if (node)
+            node->chain_ = this;
+        else
+            source = nullptr;
+        return node;
     }
 
     Source source_;
     Node* first_ = nullptr;
     Node* last_ = nullptr;
+    size_t kept_ = 0;
+
+    Source rest_; // of the walk behind the nodes that are kept
+    std::unique_ptr<Node> passing_;
 };
 
 // What has a text of its own: a field body, or the body of an entity.

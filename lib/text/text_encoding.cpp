@@ -1,5 +1,7 @@
 #include "text_encoding.h"
 
+#include "complaints.h"
+
 #include <iconv.h>
 
 #include <algorithm>
@@ -8,7 +10,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <iostream>
 #include <map>
 #include <stdexcept>
 #include <string_view>
@@ -36,7 +37,7 @@ private:
 
     void write() {
         if (!lines_.empty())
-            std::cerr << lines_ << std::flush;
+            write_complaints(lines_);
         lines_.clear();
     }
 
@@ -115,8 +116,11 @@ private:
 constexpr size_t kWindow = 1024;
 constexpr size_t kWindowAfterInvalid = 16;
 
-// Appends `text`, recoded, to `result`. Returns 0, or the `errno` of the call that ended it.
-int recode(Converter& converter, const std::string& text, bool skip_invalid, std::string& result) {
+// What takes a piece of the result; `left` bytes of the text are still to come.
+using Taker = std::function<void(std::string_view piece, size_t left)>;
+
+// Hands `text`, recoded, to `take`. Returns 0, or the `errno` of the call that ended it.
+int recode(Converter& converter, std::string_view text, bool skip_invalid, const Taker& take) {
     std::array<char, 4096> buffer;
     char* in = const_cast<char*>(text.data()); // iconv(3) reads it only
     size_t in_left = text.size();
@@ -129,7 +133,7 @@ int recode(Converter& converter, const std::string& text, bool skip_invalid, std
         const int error = converter.convert(in, shown_left, out, out_left);
         const bool moved = shown_left < shown;
         in_left -= shown - shown_left;
-        result.append(buffer.data(), buffer.size() - out_left);
+        take({buffer.data(), buffer.size() - out_left}, in_left);
 
         if (error == EILSEQ && skip_invalid) {
             // Targets such as "...//IGNORE" report it with nothing left to step over.
@@ -137,7 +141,7 @@ int recode(Converter& converter, const std::string& text, bool skip_invalid, std
                 break;
             ++in;
             --in_left;
-            result.push_back('?');
+            take("?", in_left);
             window = kWindowAfterInvalid;
         } else if (error == EINVAL && shown_left < in_left) { // the window's end cut a sequence
             window = moved ? kWindow : 2 * shown;
@@ -150,17 +154,12 @@ int recode(Converter& converter, const std::string& text, bool skip_invalid, std
     return 0;
 }
 
-} // namespace
-
-std::string iconvRecode(const std::string& text, const std::string& from, const std::string& to,
-                        bool skipInvalid) {
+void recode_or_throw(std::string_view text, const std::string& from, const std::string& to,
+                     bool skip_invalid, const Taker& take) {
     Converter converter(to, from);
     if (!converter.is_open())
         throw std::runtime_error("Cannot convert from " + from + " to " + to);
-
-    std::string result;
-    result.reserve(text.size());
-    const int error = recode(converter, text, skipInvalid, result);
+    const int error = recode(converter, text, skip_invalid, take);
     if (error != 0) {
         errno = error;
         throw std::runtime_error("Conversion from " + from + " to " + to);
@@ -168,7 +167,35 @@ std::string iconvRecode(const std::string& text, const std::string& from, const 
     // "utf-8" is part of the text, whatever the target was.
     if (converter.close() == -1)
         throw std::runtime_error("Closing conversion from " + from + " to utf-8 failed");
+}
+
+// Makes room for `more` bytes and, going by what the text has come to so far, for what is left of
+// it.
+void make_room(std::string& result, size_t more, size_t text_size, size_t left) {
+    const size_t wanted = result.size() + more;
+    if (wanted <= result.capacity())
+        return;
+    const size_t read = std::max<size_t>(text_size - left, 1);
+    const size_t per_byte = (wanted + read - 1) / read;
+    result.reserve(wanted + per_byte * left);
+}
+
+} // namespace
+
+std::string iconvRecode(const std::string& text, const std::string& from, const std::string& to,
+                        bool skipInvalid) {
+    std::string result;
+    recode_or_throw(text, from, to, skipInvalid, [&](std::string_view piece, size_t left) {
+        make_room(result, piece.size(), text.size(), left);
+        result.append(piece);
+    });
     return result;
+}
+
+void iconvRecode(std::string_view text, const std::string& from, const std::string& to,
+                 bool skipInvalid, const std::function<void(std::string_view piece)>& take) {
+    recode_or_throw(text, from, to, skipInvalid,
+                    [&](std::string_view piece, size_t) { take(piece); });
 }
 
 namespace {
@@ -192,7 +219,7 @@ constexpr std::array<std::uint8_t, 256> kBase64Values = [] {
 
 // The value of the next symbol at `pos`, which moves behind it and behind all that is skipped
 // before it. At the end of the text and at "=" the value is 0 and `pos` stays there.
-unsigned base64Take(const std::string& text, size_t& pos, Complaints& complaints) {
+unsigned base64Take(std::string_view text, size_t& pos, Complaints& complaints) {
     while (pos < text.size() && text[pos] != '=') {
         const char symbol = text[pos++];
         const unsigned value = kBase64Values[static_cast<unsigned char>(symbol)];
@@ -204,9 +231,7 @@ unsigned base64Take(const std::string& text, size_t& pos, Complaints& complaints
     return 0;
 }
 
-} // namespace
-
-std::string base64_decode(const std::string& text) {
+std::string decode_groups(std::string_view text) {
     std::string result;
     result.reserve(text.size() / 4 * 3 + 3);
     Complaints complaints;
@@ -226,6 +251,12 @@ std::string base64_decode(const std::string& text) {
         // Skipped bytes count too; this is meant.
         result.append(bytes.data(), consumed <= 2 ? 1 : consumed == 3 ? 2 : 3);
     }
+}
+
+} // namespace
+
+std::string base64_decode(const std::string& text) {
+    return decode_groups(text);
 }
 
 namespace rfc1522 {
@@ -266,7 +297,7 @@ std::string decode_data(std::string_view encoding, std::string_view data) {
     if (encoding == "q" || encoding == "Q")
         return qp_decode(data);
     if (encoding == "b" || encoding == "B")
-        return base64_decode(std::string(data));
+        return decode_groups(data);
     return {};
 }
 
@@ -286,35 +317,35 @@ private:
     std::map<std::string, Converter> kept_;
 };
 
-// One token without blanks: "=?" charset "?" encoding "?" data "?=" decoded, what follows it raw,
-// and any other token as it is.
-std::string rfc1522_decode_word(const std::string& word, LoadedCharsets& charsets) {
-    if (!word.starts_with("=?"))
-        return word;
+// Appends one token without blanks to `result`: "=?" charset "?" encoding "?" data "?=" decoded,
+// what follows it raw, and any other token as it is.
+void rfc1522_decode_word(std::string_view word, LoadedCharsets& charsets, std::string& result) {
+    const auto keep = [&](const char* complaint) {
+        complain(complaint, word);
+        result += word;
+    };
+    if (!word.starts_with("=?")) {
+        result += word;
+        return;
+    }
     const size_t q1 = word.find('?', 2);
-    if (q1 == std::string::npos) {
-        complain("wrong rfc1522 sequence (no charset): ", word);
-        return word;
-    }
+    if (q1 == word.npos)
+        return keep("wrong rfc1522 sequence (no charset): ");
     const size_t q2 = word.find('?', q1 + 1);
-    if (q2 == std::string::npos) {
-        complain("wrong rfc1522 sequence (no encoding): ", word);
-        return word;
-    }
+    if (q2 == word.npos)
+        return keep("wrong rfc1522 sequence (no encoding): ");
     const size_t end = word.find("?=", q2 + 1);
-    if (end == std::string::npos) {
-        complain("wrong rfc1522 sequence (no data): ", word);
-        return word;
-    }
-    const std::string_view parts = word;
-    const std::string_view trailing = parts.substr(end + 2);
+    if (end == word.npos)
+        return keep("wrong rfc1522 sequence (no data): ");
+    const std::string_view trailing = word.substr(end + 2);
     if (!trailing.empty())
         complain("wrong rfc1522 sequence (trailing stuff): ", word);
-    const std::string charset = word.substr(2, q1 - 2);
-    const std::string decoded = decode_data(parts.substr(q1 + 1, q2 - q1 - 1), //
-                                            parts.substr(q2 + 1, end - q2 - 1));
+    const std::string charset(word.substr(2, q1 - 2));
+    const std::string decoded = decode_data(word.substr(q1 + 1, q2 - q1 - 1), //
+                                            word.substr(q2 + 1, end - q2 - 1));
     charsets.keep(charset);
-    return iconvRecode(decoded, charset, "utf-8", true).append(trailing);
+    iconvRecode(decoded, charset, "utf-8", true, [&](std::string_view piece) { result += piece; });
+    result += trailing;
 }
 
 // Whether the run of blanks text[ws, next) stands between two encoded words. `next` may be npos.
@@ -335,10 +366,11 @@ std::string decode(std::string text) {
     constexpr const char* kBlanks = " \t";
     LoadedCharsets charsets;
     std::string result;
+    result.reserve(text.size());
     size_t pos = 0;
     while (true) {
         const size_t ws = text.find_first_of(kBlanks, pos);
-        result += rfc1522_decode_word(text.substr(pos, ws - pos), charsets);
+        rfc1522_decode_word(std::string_view(text).substr(pos, ws - pos), charsets, result);
         if (ws == std::string::npos)
             return result;
         const size_t next = text.find_first_not_of(kBlanks, ws);

@@ -51,8 +51,9 @@ int pclose_status_to_rc(int status);
 int do_exec(const char* path, char* const argv[]);
 
 // Runs a shell command and collects its standard output. Returns pclose_status_to_rc of it; -1,
-// with a message and *output null, when it was not started. When memory runs out while it is
-// running, the output is dropped with a warning, and *output is an empty text.
+// with a message and *output null, when it was not started; -1 with the output when its end was not
+// to be had (a caller that ignores SIGCHLD). When memory runs out while it is running, the output
+// is dropped with a warning, and *output is an empty text.
 int popen_exec_getoutput(const char* command, char** output);
 
 // The same, with a message when the result is -1 or not 0 (which then shows the output or

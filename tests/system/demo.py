@@ -102,7 +102,7 @@ def answer(panel, message, recipient):
     show_mail(message)
     result = Running(message=message, recipient=recipient).finish()
     for count, mail in enumerate(result.mails, 1):
-        heading(f"Mail {count} of {len(result.mails)}")
+        heading(f"Mail {count} of {len(result.mails)}: {kind(mail, message)}")
         show_sent(mail)
     if not result.mails:
         heading("No mail was sent")
@@ -114,6 +114,14 @@ def answer(panel, message, recipient):
     show(text(result.stderr).rstrip("\n") or "nothing")
     ended = f"status {result.status}" if result.signal is None else f"signal {result.signal}"
     heading(f"It took {result.duration * 1000:.1f} ms and ended with {ended}")
+
+
+def kind(mail, message):
+    if mail.stdin.strip() == message.strip():
+        return "the message, forwarded"
+    if b"\nSubject: qrx notification" in mail.stdin:
+        return "the client is told of a missing file"
+    return "a reply"
 
 
 def show_all_mails():

@@ -28,6 +28,8 @@ MESSAGE = (b"From: Sam Sender <sam@sender.example>\n"
 # How the program was built: ctest says so; by hand the preset does.
 SANITIZED = os.environ.get("QRX_PRESET") == "asan" or os.environ.get("QRX_SANITIZED") == "1"
 COVERAGE = os.environ.get("QRX_PRESET") == "coverage" or os.environ.get("QRX_COVERAGE") == "1"
+# Whether memcheck watches each run that is the program's own: strace, limits, other users and names need it bare.
+WATCHED = os.environ.get("QRX_VALGRIND") == "1"
 _TMP = pathlib.Path("/tmp")
 _RUNS = pathlib.Path("/sandbox/runs")
 
@@ -74,8 +76,9 @@ class Running:
         chunks = message if isinstance(message, (list, tuple)) else None
         streams = [subprocess.PIPE if chunks is not None else self._stream(stdin, "stdin", message),
                    self._stream(stdout, "stdout"), self._stream(stderr, "stderr")]
-        command = [*self._tracer(strace), *_as_user(user), *_limited(rlimits),
-                   *_named(argv0), program, *args]
+        bare = strace or rlimits or user is not None or argv0 or self._closed or program != sandbox.PROGRAM
+        command = [*self._tracer(strace), *_as_user(user), *_limited(rlimits), *_named(argv0),
+                   *([] if bare or not WATCHED else self._memcheck()), program, *args]
         self._started = time.monotonic()
         self.process = subprocess.Popen(
             command, stdin=streams[0], stdout=streams[1], stderr=streams[2], cwd=cwd,
@@ -95,6 +98,8 @@ class Running:
             raise TimedOut(f"no end after {self._timeout} seconds; standard error: "
                            f"{self._output('stderr')!r}") from None
         duration = time.monotonic() - self._started
+        if report := self._output("memcheck"):
+            raise AssertionError(f"memcheck reports:\n{report.decode(errors='replace')}")
         return Result(
             status=code if code >= 0 else None, signal=-code if code < 0 else None,
             stdout=self._output("stdout"), stderr=self._output("stderr"),
@@ -132,6 +137,11 @@ class Running:
         if options is None:
             return []
         return ["strace", "-qq", "-o", str(self._folder / "trace"), *options]
+
+    def _memcheck(self):
+        return ["valgrind", "--quiet", "--leak-check=full", "--show-leak-kinds=definite",
+                "--errors-for-leak-kinds=definite", "--child-silent-after-fork=yes",
+                f"--log-file={self._folder / 'memcheck'}"]
 
     def _left_behind(self):
         """Processes that came with the run and are still there after a moment to be buried."""

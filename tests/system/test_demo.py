@@ -1,5 +1,6 @@
 """The demonstration: what script/demo shows, as a person sees it."""
 
+import os
 import pathlib
 import subprocess
 
@@ -7,6 +8,8 @@ from harness import SystemTest
 
 HERE = pathlib.Path(__file__).resolve().parent
 DEMO = ["/usr/bin/python3", "-B", str(HERE / "demo.py")]
+KINDS = ["a reply", "a reply", "the client is told of a missing file", "a reply", "the message, forwarded",
+         "a reply"]
 LAST_LINE = "       script/demo --shell lets you look around."
 
 
@@ -19,7 +22,9 @@ class Demo(SystemTest):
     def test_the_sample_shows_each_mail_and_what_became_of_the_run(self):
         status, shown, errors = demo("--sample")
         self.assertEqual((status, errors), (0, ""))
-        for wanted in ("== The incoming message, to office@example.com", "== Mail 6 of 6",
+        for wanted in ("== The incoming message, to office@example.com", "== Mail 6 of 6: a reply",
+                       "== Mail 5 of 6: the message, forwarded",
+                       "== Mail 3 of 6: the client is told of a missing file",
                        "/usr/sbin/sendmail -f panel@host.example carla@panel.example", "  terms.pdf",
                        '[the subject reads: About your "Price list für 2025?"]', "Прайс-лист во вложении.",
                        "[attachment 'price list.txt': application/octet-stream, 2080 bytes]",
@@ -40,6 +45,17 @@ class Demo(SystemTest):
                 self.assertNotIn("\033", shown)
                 self.assertEqual("more lines left out]" in shown, name == "long")
 
+    def test_headings_are_bold_on_a_terminal_only_where_colour_is_wanted(self):
+        for environment, coloured in (({"TERM": "xterm"}, True), ({"TERM": "dumb"}, False),
+                                      ({"TERM": "xterm", "NO_COLOR": "1"}, False)):
+            with self.subTest(environment):
+                self.setUp()
+                shown = subprocess.run(["script", "-qec", " ".join([*DEMO, "--sample"]), "/dev/null"],
+                                       env={"PATH": os.environ["PATH"], **environment, "QRX_SANDBOX": "1"},
+                                       stdin=subprocess.DEVNULL, capture_output=True, timeout=60, check=True)
+                self.assertEqual(b"\033[1m== The panel\033[0m\r\n" in shown.stdout, coloured)
+                self.assertEqual(b"\033" in shown.stdout, coloured)
+
     def test_a_message_of_ones_own_to_any_recipient(self):
         message = b"From: me@home.example\nSubject: x\n\n\xff\0\x1b[31m text\n"
         status, shown, _ = demo("--message", "nobody@example.com", message=message)
@@ -54,6 +70,7 @@ class Demo(SystemTest):
                     b"RESP_RECIPIENT=who@example.com autoresponder < /sandbox/sample.eml\nexit 3\n")
         status, shown, errors = demo("--shell", message=commands)
         self.assertEqual(status, 3)
-        self.assertEqual(shown.splitlines()[:7], [f"== Mail {count} of 6" for count in range(1, 7)] + ["6"])
+        headings = [f"== Mail {count} of 6: {kind}" for count, kind in enumerate(KINDS, 1)]
+        self.assertEqual(shown.splitlines()[:7], [*headings, "6"])
         self.assertIn("|        4 |", shown)
         self.assertEqual(errors, "autoresponder: Mailname not found: who@example.com\n")

@@ -94,9 +94,9 @@ TEST_F(DeliveryTest, EnvelopeSenderIsInAsciiAndTheEnvelopeRecipientAsItStands) {
                      "cher.example";
     EXPECT_EQ(deliver().thrown, "");
     // The whole address is converted: "info@bücher" is one label to libidn.
-    EXPECT_EQ(spawned::calls().at(0).arguments,
-              (Arguments{"/usr/sbin/sendmail", "-f", "xn--info@bcher-feb.example",
-                         content.sender}));
+    EXPECT_EQ(
+        spawned::calls().at(0).arguments,
+        (Arguments{"/usr/sbin/sendmail", "-f", "xn--info@bcher-feb.example", content.sender}));
 }
 
 TEST_F(DeliveryTest, SenderThatLooksLikeAnOptionIsPassedAsItStands) {

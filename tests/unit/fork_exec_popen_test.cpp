@@ -87,6 +87,18 @@ TEST(PopenExecGetoutput, GivesSigpipeItsDefaultBackAndKeepsTheCallers) {
     EXPECT_EQ(outcome.result, "0 ignored");
 }
 
+TEST(PopenExecGetoutput, KeepsTheOutputOfACommandWhoseEndIsNotToBeHad) {
+    // The kernel buries the children of a process that ignores SIGCHLD; see wait(2).
+    const Outcome outcome = isolated::run([] {
+        std::signal(SIGCHLD, SIG_IGN);
+        char* output;
+        const int code = popen_exec_getoutput("echo x", &output);
+        return std::to_string(code) + "|" + take(output);
+    });
+    EXPECT_OUTCOME(outcome, kReturned, "", "");
+    EXPECT_EQ(outcome.result, "-1|x\n");
+}
+
 TEST(PopenExecGetoutput, SaysWhenTheCommandCannotBeStarted) {
     const Outcome outcome = isolated::run([] {
         exhaust_descriptors();

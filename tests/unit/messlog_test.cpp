@@ -4,6 +4,8 @@
 #include "isolated.h"
 
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -100,6 +102,15 @@ TEST(Messlog2, AStatusEndsTheProcessAfterTheMessage) {
                            return std::string("it went on");
                        }),
                        status, "prog: bye\n");
+}
+
+TEST(Messlog2, AStatusEndsTheProcessInOrder) {
+    EXPECT_OUTCOME(isolated::run([] {
+                       std::atexit([] { std::printf("at exit\n"); });
+                       messlog2(1, 1, "bye");
+                       return std::string("it went on");
+                   }),
+                   1, "prog: bye\nat exit\n", "prog: bye\n");
 }
 
 TEST(Messlog2, TheFlagChangesNothing) {

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 
@@ -271,6 +272,92 @@ TEST(DwMessage, ListsOfAnyLengthAreWalkedAndFreed) {
     EXPECT_EQ(addresses, kMany);
     EXPECT_EQ(parameters, kMany + 1);
     EXPECT_EQ(parts, kMany);
+}
+
+TEST(DwMessage, WalkingAnyLengthTwiceMeetsTheSameElements) {
+    std::string list = "From: ";
+    for (size_t i = 0; i < 3000; ++i)
+        list += "a" + std::to_string(i) + "@b,";
+    const auto message = parsed(string_of(list));
+    for (int walk = 0; walk < 2; ++walk) {
+        size_t seen = 0;
+        for (DwAddress* a = message->Headers().From().FirstMailbox(); a; a = a->Next())
+            EXPECT_EQ(text_of(static_cast<DwMailbox*>(a)->LocalPart()),
+                      "a" + std::to_string(seen++));
+        EXPECT_EQ(seen, 3000u);
+    }
+}
+
+// A node that is counted.
+struct Counted {
+    explicit Counted(size_t its_number) : number(its_number) { ++alive; }
+    Counted(const Counted&) = delete;
+    Counted& operator=(const Counted&) = delete;
+    ~Counted() { --alive; }
+
+    static inline size_t alive = 0;
+    size_t number;
+    Counted* next_ = nullptr;
+    DwChain<Counted>* chain_ = nullptr;
+};
+
+class Chain : public testing::Test {
+protected:
+    // Walks all `size` nodes of `chain` and returns how many were alive at most.
+    static size_t walk(const DwChain<Counted>& chain, size_t size) {
+        size_t number = 0;
+        size_t most = 0;
+        for (Counted* node = chain.first(); node; node = DwChain<Counted>::behind(*node)) {
+            EXPECT_EQ(node->number, number++);
+            most = std::max(most, Counted::alive);
+        }
+        EXPECT_EQ(number, size);
+        return most;
+    }
+
+    static DwChain<Counted>::Source numbers(size_t size) {
+        return [number = size_t{0}, size]() mutable {
+            return number == size ? nullptr : std::make_unique<Counted>(number++);
+        };
+    }
+};
+
+TEST_F(Chain, KeepsTheFirstThousandAndOneMore) {
+    {
+        const DwChain<Counted> chain(numbers(5000));
+        EXPECT_EQ(walk(chain, 5000), DwChain<Counted>::kKept + 1);
+        EXPECT_EQ(walk(chain, 5000), DwChain<Counted>::kKept + 1);
+    }
+    EXPECT_EQ(Counted::alive, 0u);
+}
+
+TEST_F(Chain, LengthsAboutTheThousandAreWalkedWhole) {
+    for (const size_t size : {0u, 1u, 999u, 1000u, 1001u, 1002u}) {
+        const DwChain<Counted> chain(numbers(size));
+        walk(chain, size);
+        walk(chain, size);
+    }
+}
+
+TEST_F(Chain, TheFirstThousandStayWhereTheyAre) {
+    const DwChain<Counted> chain(numbers(2000));
+    Counted* thousandth = chain.first();
+    while (thousandth->number != 999)
+        thousandth = DwChain<Counted>::behind(*thousandth);
+    walk(chain, 2000);
+    Counted* met = chain.first();
+    while (met->number != 999)
+        met = DwChain<Counted>::behind(*met);
+    EXPECT_EQ(met, thousandth);
+}
+
+TEST_F(Chain, TheEndIsTheEndEachTimeItIsAskedFor) {
+    const DwChain<Counted> chain(numbers(1500));
+    Counted* last = chain.first();
+    while (Counted* next = DwChain<Counted>::behind(*last))
+        last = next;
+    EXPECT_EQ(last->number, 1499u);
+    EXPECT_EQ(DwChain<Counted>::behind(*last), nullptr);
 }
 
 TEST(DwMessage, DeepNestingTakesNoStack) {

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <iconv.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
@@ -16,6 +17,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 using quarx::iconvRecode;
@@ -373,6 +375,43 @@ TEST_F(IconvRecode, CharsetNamesOfAnyLengthEnd) {
     }
     const double seconds = static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC;
     EXPECT_LT(seconds, 60.0) << "processor time";
+}
+
+TEST_F(IconvRecode, PiecesPutTogetherAreTheWhole) {
+    const std::string text = repeated("a\xffü中", 5000);
+    for (const char* from : {"utf-8", "latin1", "koi8-r"}) {
+        std::string whole;
+        size_t longest = 0;
+        iconvRecode(std::string_view(text), from, "utf-8", true, [&](std::string_view piece) {
+            whole += piece;
+            longest = std::max(longest, piece.size());
+        });
+        EXPECT_EQ(recoded(text, from, "utf-8").text, whole);
+        EXPECT_LE(longest, 4096U);
+    }
+}
+
+TEST_F(IconvRecode, PiecesFailAsTheWholeDoes) {
+    const auto pieces = [](const char* text, const char* from, bool skip) {
+        return outcome_of([&] {
+            iconvRecode(std::string_view(text), from, "utf-8", skip, [](std::string_view) {});
+            return std::string();
+        });
+    };
+    EXPECT_EQ(pieces("", "x-none", true), runtime_error("Cannot convert from x-none to utf-8"));
+    EXPECT_EQ(pieces("a\xc3", "utf-8", true), runtime_error("Conversion from utf-8 to utf-8"));
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(pieces("\xff", "utf-8", false), runtime_error("Conversion from utf-8 to utf-8"));
+    iconv_calls.close_result = -1;
+    EXPECT_EQ(pieces("a", "latin1", true),
+              runtime_error("Closing conversion from latin1 to utf-8 failed"));
+}
+
+TEST_F(IconvRecode, LongTextsThatGrowTakeNoMoreRoomThanTwiceTheirResult) {
+    for (const std::string& piece : {std::string("a"), std::string("\xc1"), std::string("a\xc1")}) {
+        const std::string result = iconvRecode(repeated(piece, 300000), "koi8-r", "utf-8", true);
+        EXPECT_LE(result.capacity(), 2 * result.size()) << piece;
+    }
 }
 
 TEST_F(IconvRecode, AgreesWithItsTwin) {
