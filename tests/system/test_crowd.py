@@ -45,10 +45,15 @@ class Crowds(SystemTest):
         self.assertEqual(outcome.table["left in /tmp"], 0)
 
     def test_the_server_is_restarted_under_them(self):
-        outcome = self.soak.restart()
-        self.assert_kept_the_rules(outcome)
-        self.assertGreater(outcome.table["unconnected"] + outcome.table["failed query"], 0)
-        self.assertEqual(outcome.table["left in /tmp"], 0)
+        hit = 0
+        for _ in range(5):  # a restart may come when all are done with the server
+            outcome = self.soak.restart()
+            self.assert_kept_the_rules(outcome)
+            self.assertEqual(outcome.table["left in /tmp"], 0)
+            hit += outcome.table["unconnected"] + outcome.table["failed query"]
+            if hit > 0:
+                return
+        self.fail("none of five restarts hit a run")
 
     def test_half_of_them_are_killed(self):
         outcome = self.soak.kills()
