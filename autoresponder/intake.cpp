@@ -4,17 +4,18 @@
 #include "autoresponder/message_source.h"
 #include "autoresponder/paths.h"
 #include "autoresponder/report.h"
+#include "autoresponder/text_pieces.h"
 #include "lib/text/text_encoding.h"
 #include "lib/util/unique_fd.h"
 
-#include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -23,16 +24,19 @@ constexpr char kDefaultCharset[] = "US-ASCII";
 // The text of a message as it came: transfer-decoded, not yet recoded.
 struct TextPart {
     std::string charset = kDefaultCharset;
-    std::string body;
+    DwString body;
 };
 
 std::string to_string(const DwString& text) {
     return std::string(text.data(), text.length());
 }
 
-std::string up_to_nul(std::string text) {
-    text.resize(std::strlen(text.c_str()));
-    return text;
+std::string_view view(const DwString& text) {
+    return {text.data(), text.length()};
+}
+
+std::string_view up_to_nul(std::string_view text) {
+    return text.substr(0, text.find('\0'));
 }
 
 std::unique_ptr<DwMessage> parse(const DwString& text) {
@@ -52,11 +56,12 @@ const DwMailbox* find_sender(DwHeaders& headers) {
 }
 
 std::string address_of(const DwMailbox& mailbox) {
-    return up_to_nul(to_string(mailbox.LocalPart())) + "@" + up_to_nul(to_string(mailbox.Domain()));
+    std::string address(up_to_nul(view(mailbox.LocalPart())));
+    return address.append("@").append(up_to_nul(view(mailbox.Domain())));
 }
 
-std::string raw_subject_of(DwHeaders& headers) {
-    return headers.HasSubject() ? to_string(headers.Subject().AsString()) : std::string();
+DwString raw_subject_of(DwHeaders& headers) {
+    return headers.HasSubject() ? headers.Subject().AsString() : DwString();
 }
 
 std::string raw_date_of(DwHeaders& headers) {
@@ -84,41 +89,33 @@ TextPart choose_text(const DwMessage& message) {
 
     TextPart text;
     if (entity != nullptr) {
-        DwString body;
         text.charset = to_string(GetCharset(*entity));
-        text.body = to_string(DecodeBody(*entity, body));
+        DecodeBody(*entity, text.body);
     }
     return text;
 }
 
-std::string recode_body(const std::string& body, const std::string& charset) {
+TextPieces recode_body(std::string_view body, const std::string& charset) {
+    TextPieces utf8(body.size());
     try {
-        return quarx::iconvRecode(body, charset, "UTF-8", true);
+        quarx::iconvRecode(body, charset, "UTF-8", true,
+                           [&](std::string_view piece) { utf8.append(piece); });
     } catch (const std::runtime_error&) {
         report("Could not convert message body text from " + charset + " to UTF-8.");
-        return up_to_nul(body);
+        utf8.clear();
+        utf8.append(up_to_nul(body));
     }
+    return utf8;
 }
 
-std::string decode_subject(const std::string& raw_subject, const std::string& charset) {
+std::string decode_subject(std::string raw_subject, const std::string& charset) {
     try {
-        return quarx::rfc1522::decode(raw_subject);
+        return quarx::rfc1522::decode(std::move(raw_subject));
     } catch (const std::runtime_error&) {
         // The body's charset is named, whatever the encoded word says; admins know the line so.
         report("Could not convert message subject text from " + charset + " to UTF-8.");
         return std::string();
     }
-}
-
-// Text behind the last line feed is a line too, also when it is empty.
-std::vector<std::string> split_lines(const std::string& text) {
-    std::vector<std::string> lines;
-    lines.reserve(1 + static_cast<size_t>(std::count(text.begin(), text.end(), '\n')));
-    size_t begin = 0;
-    for (size_t end; (end = text.find('\n', begin)) != std::string::npos; begin = end + 1)
-        lines.emplace_back(text, begin, end - begin);
-    lines.emplace_back(text, begin);
-    return lines;
 }
 
 void split_recipient(Mail_content* content) {
@@ -194,13 +191,17 @@ int parse_message(Mail_content* content) {
     content->recipient = recipient;
     split_recipient(content);
 
-    const std::string raw_subject = raw_subject_of(message->Headers());
+    DwString raw_subject = raw_subject_of(message->Headers());
     content->date = raw_date_of(message->Headers());
     TextPart text = choose_text(*message);
-    message.reset(); // a large message is not held while its body is recoded
+    // Of a large message's forms each goes as soon as the next one is made.
+    message.reset();
     content->charset = text.charset;
-    text.body = recode_body(text.body, text.charset);
-    content->subject = decode_subject(raw_subject, text.charset);
-    content->body = split_lines(text.body);
+    TextPieces body = recode_body(view(text.body), text.charset);
+    text.body = DwString();
+    std::string subject = to_string(raw_subject);
+    raw_subject = DwString();
+    content->subject = decode_subject(std::move(subject), text.charset);
+    content->body = body.take_lines();
     return 0;
 }

@@ -16,9 +16,9 @@ namespace {
 constexpr size_t kBlockBytes = 65536;
 
 // read(2), resumed after a signal and waited for when the sender made its end non-blocking.
-size_t read_block(int input, char* block) {
+size_t read_some(int input, char* block, size_t room) {
     for (;;) {
-        const ssize_t got = read(input, block, kBlockBytes);
+        const ssize_t got = read(input, block, room);
         if (got >= 0)
             return static_cast<size_t>(got);
         if (errno == EAGAIN) {
@@ -50,9 +50,16 @@ DwString read_message(int input, int copy) {
         text.append(bytes, count);
         copying = copying && write_all(copy, bytes, count) == count;
     };
-    std::array<char, kBlockBytes> block;
-    while (const size_t got = read_block(input, block.data()))
-        take(block.data(), got);
-    take("\n", 1);
+    std::array<char, kBlockBytes + 1> block; // and the line feed behind the last one
+    size_t filled = 0;
+    while (const size_t got = read_some(input, block.data() + filled, kBlockBytes - filled)) {
+        filled += got;
+        if (filled == kBlockBytes) {
+            take(block.data(), filled);
+            filled = 0;
+        }
+    }
+    block[filled++] = '\n';
+    take(block.data(), filled);
     return text;
 }

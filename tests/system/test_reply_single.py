@@ -55,6 +55,19 @@ class SinglePartReply(SystemTest):
         self.assert_bytes(self.reply(text="a\r\nb\r\n"),
                           expected.reply(SENDER, RECIPIENT, SUBJECT, b"a\r\nb\r\n"))
 
+    def writes_to(self, name, **columns):
+        """How often a run with this responder writes to its temporary file of that name."""
+        responder = self.furnish(**columns)
+        self.panel.attachment(responder, "small.bin", b"x" * 1000)
+        trace = self.run_program(strace=["-y", "-e", "trace=write,writev,pwrite64", "-e", "signal=none"]).trace
+        return sum(f"/tmp/{name}" in line for line in trace.splitlines())
+
+    def test_header_text_and_attachments_that_fit_a_block_are_one_write(self):
+        self.assertEqual(self.writes_to("qrx-response-uu-", text="x" * 40000), 1)
+
+    def test_the_copy_of_a_message_that_fits_a_block_is_one_write(self):
+        self.assertEqual(self.writes_to("qrx-autoresponder-"), 1)
+
     def test_a_text_larger_than_any_block(self):
         text = "".join(f"line {number}\n" for number in range(60000))
         self.assert_bytes(self.reply(text=text),

@@ -233,8 +233,8 @@ TEST_F(WriteAttachments, LinesOfEverySizeUpToThree) {
 
 TEST_F(WriteAttachments, SizesAroundTheBlocksThatAreReadAtOnce) {
     for (const size_t size :
-         std::initializer_list<size_t>{45 * 1024 - 1, 45 * 1024, 45 * 1024 + 1, 2 * 45 * 1024,
-                                       2 * 45 * 1024 + 46, 65536, 300000})
+         std::initializer_list<size_t>{45 * 1088 - 1, 45 * 1088, 45 * 1088 + 1, 2 * 45 * 1088,
+                                       2 * 45 * 1088 + 46, 65536, 300000})
         expect_lines(bytes_of_all_values(size), naive_lines(bytes_of_all_values(size)));
 }
 
