@@ -16,6 +16,7 @@ int main(int, char* argv[]) {
     autoprepend();
     Mail_content content;
     take_root_identity();
+    forbid_core_dumps();
     if (parse_message(&content) != 0)
         report_and_exit("Abnormal exit.");
     if (const char* refusal = refusal_of_sender(content))

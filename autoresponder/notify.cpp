@@ -58,16 +58,8 @@ std::string notification_sender(MYSQL* connection) {
     return host.empty() ? paths::kFallbackSender : "root@" + host;
 }
 
-// Writes `text` to the started child. A child that stops reading early is no failure.
-void feed(UniqueFd pipe_end, const std::string& text) {
-    ofd_pipestream stream(pipe_end.release());
-    if (stream)
-        stream << text;
-    else
-        report("Unable to send mail with notify of not exist attachment.");
-}
-
 void send(const Notification& notification, const Mail_content& content) {
+    const std::string text = notification_text(notification, content);
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) {
         report("autoresponder: Failed to create pipe to sendmail to notify about missing "
@@ -76,7 +68,8 @@ void send(const Notification& notification, const Mail_content& content) {
         return;
     }
     UniqueFd read_end(ends[0]);
-    UniqueFd write_end(ends[1]);
+    // There before the child is: when memory runs out, no empty mail goes out.
+    std::optional<ofd_pipestream> stream(std::in_place, ends[1]);
     const int child =
         fork_execl_pipes(read_end.get(), STDOUT_FILENO, STDERR_FILENO, paths::kSendmail,
                          paths::kSendmail, "-f", notification.sender.c_str(),
@@ -89,7 +82,11 @@ void send(const Notification& notification, const Mail_content& content) {
             error_text(start_error));
         return;
     }
-    feed(std::move(write_end), notification_text(notification, content));
+    if (*stream)
+        *stream << text; // a child that stops reading early is no failure
+    else
+        report("Unable to send mail with notify of not exist attachment.");
+    stream.reset();
     wait_for_child(child);
 }
 

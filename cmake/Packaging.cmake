@@ -27,8 +27,10 @@ install(FILES "${configuration_page}" DESTINATION "${CMAKE_INSTALL_MANDIR}/man5"
 # For the packages alone, as EXCLUDE_FROM_ALL says: a plain "cmake --install" leaves them out.
 qrx_compressed(packaging/changelog changelog)
 set(documents "${CMAKE_INSTALL_DATAROOTDIR}/doc")
-install(FILES packaging/copyright packaging/README.Debian "${changelog}"
+install(FILES packaging/copyright packaging/README.Debian doc/operating.md "${changelog}"
     DESTINATION "${documents}/autoresponder" COMPONENT program EXCLUDE_FROM_ALL)
+install(FILES tests/system/schema.sql
+    DESTINATION "${documents}/autoresponder/examples" COMPONENT program EXCLUDE_FROM_ALL)
 install(FILES packaging/copyright packaging/libquarx-dev/README.Debian "${changelog}"
     DESTINATION "${documents}/libquarx-dev" COMPONENT dev EXCLUDE_FROM_ALL)
 
@@ -65,6 +67,20 @@ customer wants it.
 .
 It works with every mail system that can pipe a message into a command and
 that has a sendmail command, such as qmail, Postfix and Exim.]])
+
+# Libraries that the program is linked with as archives are named with their versions where their licence
+# wants the source to be kept: Policy 7.8. CPack has no variable for the field, so it goes in behind
+# another one.
+if(QRX_CLIENT STREQUAL "static")
+    execute_process(
+        COMMAND dpkg-query -W -f "\${source:Package} (= \${source:Version}), " libidn-dev libmariadb-dev
+        OUTPUT_VARIABLE built_using)
+    string(REGEX REPLACE ", $" "" built_using "${built_using}")
+    string(APPEND CPACK_DEBIAN_PROGRAM_PACKAGE_SECTION "\nBuilt-Using: ${built_using}")
+    install(FILES packaging/autoresponder.lintian-overrides RENAME autoresponder
+        DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides"
+        COMPONENT program EXCLUDE_FROM_ALL)
+endif()
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libquarx-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)

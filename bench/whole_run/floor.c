@@ -1,10 +1,11 @@
 // The floor: what a run costs at least when it is written down as plain calls of the C library and
 // the stock client library of the database.
 //
-// It makes the calls of a run in their order and with their bytes: the message's copy, the statements,
-// the forward, the reply's file with its attachments, a sendmail for each mail, the clean-up. It judges
-// nothing: the sender and the subject are taken from the first such lines of the message as they stand,
-// no keyword is looked for, nothing is decoded, recoded or escaped, and any failure ends it with status 1.
+// It makes the calls of a run in their order and with their bytes: the message's copy, the
+// statements, the forward, the reply's file with its attachments, a sendmail for each mail, the
+// clean-up. It judges nothing: the sender and the subject are taken from the first such lines of
+// the message as they stand, no keyword is looked for, nothing is decoded, recoded or escaped, and
+// any failure ends it with status 1.
 #define _GNU_SOURCE
 #include <fcntl.h>
 #include <mysql.h>
@@ -74,6 +75,18 @@ static void take_message(void) {
     must(at != NULL);
     *at = '\0';
     snprintf(domain, sizeof domain, "%s", at + 1);
+}
+
+// The panel's configuration and the size limit of mails are there to be read; what they say is not
+// asked here.
+static void read_settings(const char* path) {
+    FILE* file = fopen(path, "re");
+    if (file == NULL)
+        return;
+    char line[256];
+    while (fgets(line, sizeof line, file) != NULL) {
+    }
+    fclose(file);
 }
 
 static void connect_to_server(void) {
@@ -195,7 +208,8 @@ static void attach(int reply, const char* path, const char* name, const char* bo
     for (ssize_t got; (got = read(file, bytes, sizeof bytes)) > 0;) {
         size_t length = 0;
         for (ssize_t at = 0; at < got; at += kLine)
-            length += encode(bytes + at, got - at < kLine ? (size_t)(got - at) : kLine, text + length);
+            length +=
+                encode(bytes + at, got - at < kLine ? (size_t)(got - at) : kLine, text + length);
         write_all(reply, text, length);
     }
     close(file);
@@ -227,12 +241,12 @@ static void write_reply(MYSQL_ROW responder, MYSQL_RES* attachments, const char*
     }
     if (has_attachments)
         dprintf(reply, "--%s--\n", boundary);
+    read_settings("/var/qmail/control/databytes");
     close(reply);
 }
 
 static void answer(MYSQL_ROW responder, const char* directory) {
-    MYSQL_RES* attachments =
-        query("select filename from resp_attach where rn_id=%s", responder[0]);
+    MYSQL_RES* attachments = query("select filename from resp_attach where rn_id=%s", responder[0]);
     write_reply(responder, attachments, directory);
     mysql_free_result(attachments);
     char* arguments[] = {"/usr/sbin/sendmail", "-f", recipient, sender, NULL};
@@ -243,6 +257,7 @@ static void answer(MYSQL_ROW responder, const char* directory) {
 
 int main(void) {
     signal(SIGPIPE, SIG_IGN);
+    read_settings("/etc/qrx/qrx.conf");
     take_message();
     connect_to_server();
     execute("SET NAMES utf8");
@@ -252,11 +267,12 @@ int main(void) {
     MYSQL_ROW row = mysql_fetch_row(mailbox);
     must(row != NULL);
     char directory[2048];
-    snprintf(directory, sizeof directory, "/var/qmail/mailnames/%s/%s/@attachments", row[2], row[1]);
-    MYSQL_RES* responders =
-        query("select id, keystr, key_where, text, resp_on, ans_freq, mem_limit, subject, reply_to, "
-              "charset, content_type from mail_resp where mn_id=%s",
-              row[0]);
+    snprintf(directory, sizeof directory, "/var/qmail/mailnames/%s/%s/@attachments", row[2],
+             row[1]);
+    MYSQL_RES* responders = query(
+        "select id, keystr, key_where, text, resp_on, ans_freq, mem_limit, subject, reply_to, "
+        "charset, content_type from mail_resp where mn_id=%s",
+        row[0]);
     while ((row = mysql_fetch_row(responders)) != NULL) {
         if (!may_answer(row[0], atoi(row[5])))
             continue;

@@ -37,12 +37,24 @@ def message(size, sender=SENDER):
     return (header + _LINE * (size // len(_LINE) + 1))[:size - 1].encode() + b"\n"
 
 
+# A part of what a host has there.
+_CONFIGURATION = """\
+# Folders of the panel
+PRODUCT_ROOT_D      /opt/qrx
+QUARX_MAILNAMES_D   /var/qmail/mailnames
+HTTPD_VHOSTS_D      /var/www/vhosts
+HTTPD_SERVICE       apache2
+MYSQL_VAR_D         /var/lib/mysql
+"""
+
+
 class Scenario:
-    """A furnished panel, the message, and how many replies and forwards a run of it makes."""
+    """A furnished panel, the message, how many mails a run sends, and whether it is a short one."""
 
     def __init__(self, name, size=3600, responders=1, forward=False, attachment=0, answered=None,
                  ans_freq=_ALWAYS, mails=None):
         self.name = name
+        self.short = size < 1 << 20
         self.mails = responders + forward if mails is None else mails
         self._size = size
         self._responders = responders
@@ -52,7 +64,7 @@ class Scenario:
         self._ans_freq = ans_freq
 
     def furnish(self, panel):
-        panel.empty()
+        _empty(panel)
         client = panel.client()
         mailbox = panel.mailbox(panel.domain(client=client))
         for number in range(self._responders):
@@ -83,13 +95,19 @@ SCENARIOS = [
 ]
 
 
+def _empty(panel):
+    panel.empty()
+    panel.configuration(_CONFIGURATION)
+    panel.databytes("50000000\n")
+
+
 def furnish_mailboxes(panel, count):
     """As many mailboxes with one responder each; returns a (recipient, message file) pair for each.
 
     Runs side by side for one responder would wait for each other's locks in the database, which says
     nothing about the programs. Each sender has been answered before.
     """
-    panel.empty()
+    _empty(panel)
     domain = panel.domain(client=panel.client())
     MESSAGES.mkdir(exist_ok=True)
     path = MESSAGES / "message"

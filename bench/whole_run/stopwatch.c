@@ -1,9 +1,10 @@
 // stopwatch JOBS RUNS [RECIPIENT MESSAGE]... -- PROGRAM [ARGUMENT...]: what runs of a program cost.
 //
-// Starts the program RUNS times, JOBS of them at a time, run after run with the next of the messages
-// on standard input and its recipient in RESP_RECIPIENT (none: as they are), and prints a line for each run as it ends: user
-// plus system time, then wall time, in nanoseconds, the peak resident set in KiB, and the wait status;
-// at last a line with the nanoseconds that all of it took.
+// Starts the program RUNS times, JOBS of them at a time, run after run with the next of the
+// messages on standard input and its recipient in RESP_RECIPIENT (none: as they are), and prints a
+// line for each run as it ends: user plus system time, then wall time, in nanoseconds, the peak
+// resident set in KiB, and the wait status; at last a line with the nanoseconds that all of it
+// took.
 //
 // Times and memory are those of the program and of the children it waited for; getrusage(2). The
 // kernel scales user and system time to what the scheduler has counted in nanoseconds, so their sum

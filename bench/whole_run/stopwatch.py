@@ -10,7 +10,7 @@ import sandbox
 from scenarios import RECIPIENT
 
 PROGRAMS = pathlib.Path(__file__).resolve().parents[2] / "build/release/bench/whole_run"
-_ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "RESP_RECIPIENT": RECIPIENT}
+ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "RESP_RECIPIENT": RECIPIENT}
 
 
 class Failed(Exception):
@@ -28,22 +28,23 @@ def quiet_sendmail():
     sandbox.replace_sendmail((PROGRAMS / "sink").read_bytes())
 
 
-def measure(command, message, environment=_ENVIRONMENT):
-    """One run of the command on the message, a file."""
-    return _runs(1, 1, [], command, message, environment)[0][0]
+def measure(command, message, environment=ENVIRONMENT, user=None):
+    """One run of the command on the message, a file, as that user."""
+    return _runs(1, 1, [], command, message, environment, user)[0][0]
 
 
 def measure_many(command, mails, jobs, runs):
     """As many runs, `jobs` at a time, over (recipient, message file) pairs; returns them and the seconds in all."""
     words = [str(word) for mail in mails for word in mail]
-    return _runs(jobs, runs, words, command, os.devnull, _ENVIRONMENT)
+    return _runs(jobs, runs, words, command, os.devnull, ENVIRONMENT)
 
 
-def _runs(jobs, runs, mails, command, standard_input, environment):
+def _runs(jobs, runs, mails, command, standard_input, environment, user=None):
     with open(standard_input, "rb") as stream:
         done = subprocess.run(
             [PROGRAMS / "stopwatch", str(jobs), str(runs), *mails, "--", *command],
-            stdin=stream, capture_output=True, text=True, cwd="/", env=environment)
+            stdin=stream, capture_output=True, text=True, cwd="/", env=environment,
+            user=user, group=user)
     if done.returncode != 0 or done.stderr:
         raise Failed(f"{command}: {done.stderr}")
     *lines, total = done.stdout.splitlines()

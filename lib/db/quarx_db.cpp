@@ -6,7 +6,9 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <errmsg.h>
 
 // Weak, because only the client's archive has it: the shared library keeps it to itself.
 extern "C" [[gnu::weak]] unsigned int mysql_port;
@@ -19,8 +21,11 @@ constexpr const char* kUser = "admin";
 constexpr const char* kDatabase = "qrx";
 
 // A server that accepts and never answers must not hold the process for ever. The first bounds the
-// handshake too. The second is longer than the server's own wait for a locked row
-// (innodb_lock_wait_timeout, 50 s), so that a lock is reported as one.
+// handshake too, which a server in order does in milliseconds. The second is longer than the
+// server's own wait for a locked row (innodb_lock_wait_timeout, 50 s), so that a lock is reported
+// as one. It can't be long enough for a backup that locks whole tables (lock_wait_timeout, a day by
+// default): meanwhile the message waits for its delivery, in one of the few places that a mail
+// system has for local ones (qmail-send(8), concurrencylocal: 10).
 constexpr unsigned kConnectSeconds = 10;
 constexpr unsigned kAnswerSeconds = 60;
 
@@ -42,9 +47,12 @@ bool read_password(Password& password, char* errbuf, size_t size) {
         snprintf(errbuf, size, "Unable to open admin password file: %s", strerror(errno));
         return false;
     }
-    if (fgets(password.text, sizeof(password.text), file.get()) == nullptr) {
-        snprintf(errbuf, size, "Unable to read admin password file: %s", strerror(errno));
-        return false;
+    while (fgets(password.text, sizeof(password.text), file.get()) == nullptr) {
+        if (!ferror(file.get()) || errno != EINTR) {
+            snprintf(errbuf, size, "Unable to read admin password file: %s", strerror(errno));
+            return false;
+        }
+        clearerr(file.get());
     }
     const size_t length = strlen(password.text);
     if (length != 0 && password.text[length - 1] == '\n')
@@ -60,16 +68,40 @@ void set_options(MYSQL* connection) {
     mysql_options(connection, MYSQL_OPT_LOCAL_INFILE, &off);
 }
 
+// The client library (10.11) doesn't check all of its allocations while it connects, and crashes
+// where such a one fails. They come to less than half of this, so that a process with so little
+// memory left fails here instead.
+bool has_room_to_connect() {
+    constexpr size_t kRoomBytes = 96 * 1024;
+    void* volatile room = malloc(kRoomBytes); // volatile: or the compiler leaves it out
+    free(room);
+    return room != nullptr;
+}
+
 MYSQL* close_if_failed(MYSQL* connection) {
     MysqlConnection owner{connection};
     return owner != nullptr && mysql_errno(connection) == 0 ? owner.release() : nullptr;
 }
 
+// Errors of the server lie outside of the client library's ranges: errmsg.h.
+bool is_refusal(unsigned error) {
+    const bool of_client = (error >= CR_MIN_ERROR && error <= CR_MAX_ERROR) ||
+                           (error >= CER_MIN_ERROR && error <= CER_MAX_ERROR);
+    return error != 0 && !of_client;
+}
+
 } // namespace
+
+void shut_unless_refused(MYSQL* connection) {
+    const ErrnoKeeper keeper;
+    if (!is_refusal(mysql_errno(connection)))
+        mariadb_cancel(connection);
+}
 
 void quarx_db_start_client() {
     // The server's TCP port, which nothing here uses. While it is 0, the start looks it up in the
-    // services database, which costs some hundred system calls; see getservbyname(3).
+    // services database, which costs some hundred system calls, may go over the network, and in
+    // the GNU C library doesn't survive exhausted memory; see getservbyname(3).
     if (&mysql_port != nullptr && mysql_port == 0)
         mysql_port = MYSQL_PORT;
     mysql_server_init(0, nullptr, nullptr);
@@ -80,7 +112,7 @@ MYSQL* quarx_db_connect_raw_ex(char* errbuf, size_t size) {
     if (!read_password(password, errbuf, size))
         return nullptr;
     quarx_db_start_client();
-    MysqlConnection connection{mysql_init(nullptr)};
+    MysqlConnection connection{has_room_to_connect() ? mysql_init(nullptr) : nullptr};
     if (connection == nullptr) {
         snprintf(errbuf, size, "Unable to initialize MySQL connection structure: %s",
                  strerror(ENOMEM));
@@ -111,6 +143,7 @@ MYSQL* quarx_db_connect_ex(char* errbuf, size_t size) {
                  mysql_error(connection));
     else
         snprintf(errbuf, size, "DB error (%s): unknown error", step);
+    shut_unless_refused(connection);
     return connection;
 }
 

@@ -3,8 +3,16 @@
 // The server is the local one, reached by its Unix socket, as user "admin", database "qrx", with
 // the first line of /etc/qrx/.qrx.shadow (at most 99 bytes) as the password, which is read at every
 // connect. The client never connects again by itself and refuses a server that asks for a file.
-// A server that accepts and stays silent holds a connect for 10 seconds, and a statement for a
-// minute (MYSQL_OPT_CONNECT_TIMEOUT and MYSQL_OPT_READ_TIMEOUT in mysql_optionsv(3)).
+// A server that accepts and stays silent holds a connect, the log-in included, for 10 seconds, and
+// a statement for 60 (MYSQL_OPT_CONNECT_TIMEOUT, MYSQL_OPT_READ_TIMEOUT and MYSQL_OPT_WRITE_TIMEOUT
+// in mysql_optionsv(3); this client doesn't repeat a read that timed out). The connection is lost
+// with it and every later statement fails at once, so a process waits 70 seconds for it at most, in
+// all. A statement that was given up may still be carried out when the server goes on. A server
+// that sends a byte now and then is waited for longer; it is the panel's own, and trusted that far.
+//
+// A statement that fails for another reason than the server's refusal, such as exhausted memory,
+// leaves a connection on which all later ones fail: what is left of its answer must not be taken
+// for theirs.
 //
 // Nothing here throws. Only exhausted memory ends the process (status 1, by `messlog2`).
 #pragma once

@@ -31,6 +31,7 @@ private:
 int execute(MYSQL* connection, const OwnedText& statement, const char* failure, const char* name) {
     if (mysql_real_query(connection, statement.get(), strlen(statement.get())) == 0)
         return 0;
+    shut_unless_refused(connection);
     messlog2(0, 1, failure, name, mysql_error(connection));
     return -1;
 }
@@ -60,6 +61,7 @@ const char* get_param_from_bigquery(const char* query, MYSQL* conn, int column) 
         failed = result == nullptr && mysql_errno(session.get()) != 0;
     }
     if (failed) {
+        shut_unless_refused(session.get());
         messlog2(0, 1, "Unable to query parameter by query %s: %s\n", query,
                  mysql_error(session.get()));
         return nullptr;

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
@@ -65,12 +66,28 @@ bool is_utf8(const std::string& charset) {
     return strcasecmp(charset.c_str(), "utf-8") == 0;
 }
 
+// Whether the C library takes the name for one with `known` in it: it leaves case and most marks
+// out of account.
+bool is_named(const std::string& charset, std::string_view known) {
+    std::string name;
+    for (const char c : charset)
+        if (std::isalnum(static_cast<unsigned char>(c)) != 0)
+            name += static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    return name.find(known) != name.npos;
+}
+
+// Whether the charset holds back a letter for the mark behind it and loses it between two calls.
+bool loses_letters(const std::string& charset) {
+    return is_named(charset, "1390") || is_named(charset, "1399");
+}
+
 // An iconv descriptor, closed on every path.
 class Converter {
 public:
     Converter(const std::string& to, const std::string& from)
         : cd_(open_converter(to, from)),
-          may_cut_((is_utf8(to) || is_utf8(from)) && to.find('/') == to.npos) {}
+          may_cut_((is_utf8(to) || is_utf8(from)) && to.find('/') == to.npos && !loses_letters(to)),
+          is_from_utf7_(is_named(from, "UTF7")) {}
     Converter(const Converter&) = delete;
     Converter& operator=(const Converter&) = delete;
     ~Converter() {
@@ -85,8 +102,9 @@ public:
     // Whether the result is the same however the text is cut up into calls. It is not for targets
     // such as "...//IGNORE" and "...//TRANSLIT", nor where a source that holds back a letter for
     // the accent behind it (CP1255) meets a target that lacks the letter; UTF-8 has all and holds
-    // none.
+    // none. In UTF-7 it is for pieces that end behind a blank.
     bool may_cut() const { return may_cut_; }
+    bool is_from_utf7() const { return is_from_utf7_; }
 
     // What iconv_close(3) returns; the descriptor is gone in either case.
     int close() {
@@ -108,6 +126,7 @@ private:
 
     iconv_t cd_;
     bool may_cut_;
+    bool is_from_utf7_;
 };
 
 // How much of the text one iconv call is shown. What iconv has read ahead of an invalid sequence or
@@ -115,6 +134,41 @@ private:
 // buffer, and smaller still where the text is bad.
 constexpr size_t kWindow = 1024;
 constexpr size_t kWindowAfterInvalid = 16;
+
+// Where the calls for a text end.
+class Cuts {
+public:
+    Cuts(const Converter& converter, std::string_view text) : converter_(converter), text_(text) {}
+
+    // How much to show from `at` on: `window` bytes or somewhat more.
+    size_t shown(size_t at, size_t window) {
+        const size_t rest = text_.size() - at;
+        if (!converter_.may_cut() || window >= rest)
+            return rest;
+        return converter_.is_from_utf7() ? behind_a_blank(at, window) : window;
+    }
+
+private:
+    // At an invalid character, UTF-7 falls back behind the last valid one, be it in the middle of
+    // other text; it can't do so into an earlier call. Behind a blank it is where a call begins.
+    size_t behind_a_blank(size_t at, size_t window) {
+        const size_t last = at + window - 1;
+        if (blank_ < last)
+            blank_ = text_.find_first_of(" \n", last);
+        const size_t end = blank_ < text_.size() ? blank_ + 1 : text_.size();
+        const size_t more = end - at - window;
+        if (more > patience_)
+            return window;
+        patience_ -= more;
+        return window + more;
+    }
+
+    const Converter& converter_;
+    std::string_view text_;
+    size_t blank_ = 0; // the first at or behind the last place that was asked for
+    // How many bytes to show beyond the windows, for invalid text that would be read over and over.
+    size_t patience_ = size_t{16} << 20;
+};
 
 // What takes a piece of the result; `left` bytes of the text are still to come.
 using Taker = std::function<void(std::string_view piece, size_t left)>;
@@ -125,8 +179,9 @@ int recode(Converter& converter, std::string_view text, bool skip_invalid, const
     char* in = const_cast<char*>(text.data()); // iconv(3) reads it only
     size_t in_left = text.size();
     size_t window = kWindow;
+    Cuts cuts(converter, text);
     while (in_left != 0) {
-        const size_t shown = converter.may_cut() ? std::min(window, in_left) : in_left;
+        const size_t shown = cuts.shown(text.size() - in_left, window);
         size_t shown_left = shown;
         char* out = buffer.data();
         size_t out_left = buffer.size();

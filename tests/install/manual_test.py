@@ -47,7 +47,7 @@ NOT_REPORTED = {
 LITERAL = r'"(?:[^"\\\n]|\\.)*"'
 LITERALS = re.compile(rf"{LITERAL}(?:\s+{LITERAL})*")  # adjacent ones are one text
 REPORTERS = re.compile(r"\b(?:report|report_and_exit|messlog2|ex_messlog|snprintf|end_child|complain|"
-                       r"complaints\.add|runtime_error|execute|query_or_exit|append_\w+)\s*\(")
+                       r"complaints\.add|keep|runtime_error|execute|query_or_exit|append_\w+)\s*\(")
 LOGGERS = re.compile(r"\b(?:quarx_log|fail_without_memory)\s*\(|\bfailure =")
 # A text that a function hands on, or that has a name.
 HANDED_ON = re.compile(rf"(?:\breturn|\bkQueryFailed\[\] =|\bstep =)\s+({LITERAL}(?:\s+{LITERAL})*);")

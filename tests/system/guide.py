@@ -11,14 +11,23 @@ _GUIDE = pathlib.Path(__file__).resolve().parents[2] / "doc/operating.md"
 _BLOCK = re.compile(r"^<!-- block: (\S+) -->\n+```\w*\n(.*?)^```$", re.MULTILINE | re.DOTALL)
 
 
+def text():
+    return _GUIDE.read_text(encoding="utf-8")
+
+
 def block(name):
     """The block's text. Raises KeyError where the guide has no such block."""
-    return dict(_BLOCK.findall(_GUIDE.read_text(encoding="utf-8")))[name]
+    return dict(_BLOCK.findall(text()))[name]
+
+
+def run_commands(commands):
+    """Runs them by the shell, up to the first one that fails, which raises AssertionError; returns what they wrote."""
+    done = subprocess.run(["sh", "-ec", commands], stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                          check=False)
+    if done.returncode != 0:
+        raise AssertionError(f"{commands}ended with {done.returncode}:\n{done.stdout}{done.stderr}")
+    return done.stdout + done.stderr
 
 
 def run_block(name):
-    """Runs the commands of a block, up to the first one that fails, which raises AssertionError."""
-    done = subprocess.run(["sh", "-ec", block(name)], stdin=subprocess.DEVNULL, capture_output=True,
-                          text=True, check=False)
-    if done.returncode != 0:
-        raise AssertionError(f"{block(name)}ended with {done.returncode}:\n{done.stdout}{done.stderr}")
+    return run_commands(block(name))

@@ -18,7 +18,7 @@ import time
 import linux
 import sandbox
 
-PATIENCE_SECONDS = 10
+PATIENCE_SECONDS = 20
 MAILBOXES = pathlib.Path("/var/vmail")
 UNPACKED = pathlib.Path("/sandbox/mailsystem")
 _PACKAGES = pathlib.Path(__file__).resolve().parents[2] / "build/mailsystems"
@@ -70,6 +70,18 @@ def add_user(name, group=None):
         subprocess.run(["useradd", "--system", "--user-group", "--no-create-home", name], check=True)
     if group is not None:
         subprocess.run(["groupadd", "--system", "--force", group], check=True)
+
+
+def remove_user(name):
+    """Removes a user that the host happens to have."""
+    if subprocess.run(["getent", "passwd", name], stdout=subprocess.DEVNULL, check=False).returncode == 0:
+        subprocess.run(["userdel", name], check=True)
+
+
+def own_folder(path):
+    """An empty folder in the place of the host's, if it has one there."""
+    path.unlink(missing_ok=True)
+    path.mkdir(parents=True)
 
 
 def account(name):

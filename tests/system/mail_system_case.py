@@ -16,6 +16,7 @@ import guide
 import mail_system
 import sandbox
 from harness import SystemTest
+from panel import PASSWORD_FILE
 
 PROGRAM = pathlib.Path("/usr/sbin/autoresponder")
 INFO, SALES, OFFICE = "info@example.com", "sales@example.com", "office@example.com"
@@ -45,6 +46,7 @@ class MailSystemTest(SystemTest):
     shut_down(): ends it
     queue(): the files of the messages that aren't delivered yet
     log(): what it has logged, as text
+    last_line(answer): what ends the log of the message that was accepted with this answer
     failures(log): the lines of the log that tell of a bounced or deferred message
     """
 
@@ -58,6 +60,7 @@ class MailSystemTest(SystemTest):
         PROGRAM.unlink(missing_ok=True)
         shutil.copyfile(sandbox.PROGRAM, PROGRAM)
         PROGRAM.chmod(0o755)
+        mail_system.remove_user("autoresponder")
         guide.run_block("user")
         cls.configure()
         mail_system.wait_until("an answer over SMTP", mail_system.answers_smtp)
@@ -68,17 +71,13 @@ class MailSystemTest(SystemTest):
         super().tearDownClass()
 
     def setUp(self):
+        """The password file is made anew for each case, so the guide's commands hold for it no longer."""
         super().setUp()
+        shutil.chown(PASSWORD_FILE, group="autoresponder")
+        PASSWORD_FILE.chmod(0o640)
         mail_system.put_sendmail_back()
         mail_system.empty_mailboxes()
-        self.let_the_group_read_the_password()
         self.log_begins = len(self.log())
-
-    def let_the_group_read_the_password(self):
-        """The password file is new in each case, so the guide's commands for it, all but the user's making, are run again."""
-        shadow = pathlib.Path("/etc/qrx/.qrx.shadow")
-        shutil.chown(shadow, group="autoresponder")
-        shadow.chmod(0o640)
 
     # Steps
 
@@ -88,13 +87,21 @@ class MailSystemTest(SystemTest):
         message = f"{header}To: {', '.join(to)}\n\n{text}"
         with smtplib.SMTP("127.0.0.1", timeout=mail_system.PATIENCE_SECONDS) as client:
             client.ehlo("client.example")
-            client.sendmail(sender, list(to), message)
+            client.mail(sender)
+            for address in to:
+                client.rcpt(address)
+            code, answer = client.data(message)
+        self.assertEqual(code, 250, answer)
+        self.wait_for("the message's end in the log", lambda: self.last_line(answer.decode()) in self.news())
         self.settle()
 
     def settle(self):
         """Returns when the queue has stayed empty for a look and another: mail moves on between two looks."""
+        self.wait_for("an empty queue", lambda: not any(self.queue() for _ in range(3)))
+
+    def wait_for(self, what, condition):
         try:
-            mail_system.wait_until("an empty queue", lambda: not any(self.queue() for _ in range(3)))
+            mail_system.wait_until(what, condition)
         except AssertionError as late:
             self.fail(f"{late}\n{self.news()}")
 
@@ -151,6 +158,14 @@ class MailSystemCases:
         self.assertEqual(len(mail_system.mailbox(SAM)), 1)
         self.assert_nothing_failed()
 
+    def test_an_attachment_that_cannot_be_reached_counts_as_missing(self):
+        responder = self.furnish()
+        self.panel.attachment(responder, "prices.pdf", b"from 5 to 10\n")
+        self.panel.attachment_folder(responder).parent.chmod(0o700)
+        self.receive()
+        self.assertIn(b"\nprices.pdf\n", self.only_mail(CLIENT))
+        self.assertFalse(parsed(self.only_mail(SAM)).is_multipart())
+
     def test_an_attachment_arrives(self):
         self.panel.attachment(self.furnish(), "prices.pdf", bytes(range(256)) * 40)
         self.receive()
@@ -205,6 +220,35 @@ class MailSystemCases:
         self.assert_delivered(INFO, "When are you open?\n")
         self.assertEqual(envelope_sender(self.only_mail(SAM)), OFFICE)
 
+    def test_an_address_is_handed_over_whatever_it_is_made_of(self):
+        self.furnish()
+        self.receive(to=['"odd:x=/y $(id) $home"@all.example'])
+        self.assert_delivered(INFO, "When are you open?\n")
+        self.assertIn("autoresponder: Mailname not found: odd:x=/y $(id) $home@all.example", self.news())
+        self.assert_nothing_failed()
+
+    def test_a_line_of_one_dot_ends_what_sendmail_reads(self):
+        self.panel.forward(self.furnish(text="before\n.\nafter\n"), BOSS)
+        self.receive(text="first\n.\nlast\n")
+        self.assert_delivered(INFO, "first\n.\nlast\n")
+        self.assert_delivered(SAM, "before\n")
+        self.assert_delivered(BOSS, "first\n")
+
+    def test_a_reply_over_the_size_limit_becomes_the_short_one(self):
+        self.furnish(text="word " * 1000)
+        self.panel.databytes("1000\n")
+        self.receive()
+        self.assertIn(b"Autoresponder message size exceeds databytes limit.", self.only_mail(SAM))
+        self.assert_nothing_failed()
+
+    def test_two_responders_that_answer_each_other_stop_at_the_daily_limit(self):
+        self.furnish(text="info\n", ans_freq="2")
+        self.panel.responder(self.panel.mailbox(self.domain, "sales"), text="sales\n", ans_freq="2")
+        self.receive(sender=SALES, header=f"From: {SALES}\n")
+        self.assert_delivered(SALES, "info\n\n\n\n", "info\n\n\n\n")
+        self.assert_delivered(INFO, "When are you open?\n", "sales\n\n\n\n", "sales\n\n\n\n")
+        self.assert_nothing_failed()
+
     def test_a_bounce_is_delivered_and_gets_nothing(self):
         self.furnish()
         self.receive(sender="", header=f"From: Mailer-Daemon <{SAM}>\n")
@@ -243,16 +287,22 @@ class MailSystemCases:
 
     def test_a_password_that_cannot_be_read_is_logged(self):
         self.furnish()
-        pathlib.Path("/etc/qrx/.qrx.shadow").chmod(0o600)
+        PASSWORD_FILE.chmod(0o600)
         self.receive()
         self.assert_delivered(INFO, "When are you open?\n")
         self.assertIn("Unable to open admin password file: Permission denied", self.news())
         self.assert_nothing_failed()
 
+    def test_a_mailbox_is_tried_by_hand(self):
+        self.furnish()
+        written = guide.run_commands(guide.block("by-hand").replace("you@example.org", SAM))
+        self.settle()
+        self.assertEqual((written, envelope_sender(self.only_mail(SAM))), ("", INFO))
+
     def test_with_the_set_user_id_bit_the_password_stays_for_root(self):
         self.skip_if_sanitized("the sanitizers' library doesn't trust its environment there")
         self.furnish()
-        pathlib.Path("/etc/qrx/.qrx.shadow").chmod(0o600)
+        PASSWORD_FILE.chmod(0o600)
         self.addCleanup(PROGRAM.chmod, 0o755)
         self.addCleanup(subprocess.run, ["dpkg-statoverride", "--quiet", "--remove", PROGRAM], check=True)
         guide.run_block("set-user-id")

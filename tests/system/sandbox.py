@@ -11,6 +11,7 @@ signal, the kernel ends all that is left and everything private is gone.
 Works as root and as an ordinary user (who is root inside, by a user namespace); see namespaces(7).
 """
 
+import errno
 import os
 import pathlib
 import re
@@ -30,6 +31,9 @@ BUILD = CHECKOUT / "build"
 _SEEN_AT = pathlib.Path("/sandbox/checkout") if CHECKOUT.is_relative_to("/tmp") else CHECKOUT
 PROGRAM = "/sandbox/autoresponder"
 GMIME_HEADERS = "/sandbox/gmime_headers"
+FAIL_MALLOC = "/sandbox/fail_malloc.so"
+FAIL_CLOSE = "/sandbox/fail_close.so"
+SHORTEN_WAITS = "/sandbox/shorten_waits.so"
 RECORDER = "/sandbox/recording_sendmail"
 SENDMAIL = "/usr/sbin/sendmail"
 SPOOL = "/sandbox/spool"
@@ -81,6 +85,9 @@ def _programs_under_test():
         PROGRAM: ("AUTORESPONDER", folder / "autoresponder/autoresponder"),
         RECORDER: ("QRX_RECORDING_SENDMAIL", folder / "tests/system/recording_sendmail"),
         GMIME_HEADERS: ("QRX_GMIME_HEADERS", folder / "tests/system/gmime_headers"),
+        FAIL_MALLOC: ("QRX_FAIL_MALLOC_LIBRARY", folder / "tests/system/fail_malloc.so"),
+        FAIL_CLOSE: ("QRX_FAIL_CLOSE_LIBRARY", folder / "tests/system/fail_close.so"),
+        SHORTEN_WAITS: ("QRX_SHORTEN_WAITS_LIBRARY", folder / "tests/system/shorten_waits.so"),
     }
     return {inside: os.path.abspath(os.environ.get(name, path))
             for inside, (name, path) in known.items()}
@@ -100,18 +107,55 @@ def _enter_namespaces():
             pathlib.Path("/proc/self/setgroups").write_text("deny")
             pathlib.Path("/proc/self/uid_map").write_text(f"0 {uid} 1")
             pathlib.Path("/proc/self/gid_map").write_text(f"0 {gid} 1")
+        _make_mounts_private()
+    except OSError as error:
+        raise Refused(f"{error.filename}: {error.strerror}; {_remedy(error.errno, uid)}") from error
+
+
+def _make_mounts_private():
+    try:
         linux.mount(None, "/", flags=linux.MS_PRIVATE | linux.MS_REC)
     except OSError as error:
-        raise Refused(_advice(error, uid)) from error
+        if error.errno != errno.EINVAL:
+            raise
+        _make_root_a_mount()
 
 
-def _advice(error, uid):
-    if uid == 0:
-        remedy = "in a container, give it the capability CAP_SYS_ADMIN (docker run --privileged)"
-    else:
-        remedy = ("set sysctl user.max_user_namespaces above 0 and, where it exists, "
-                  "kernel.unprivileged_userns_clone to 1, or run this as root")
-    return f"the kernel refuses private namespaces ({error.strerror}); {remedy}"
+def _make_root_a_mount():
+    """In a chroot the root is a mere folder of a larger tree: makes that private, and the root a mount of its own.
+
+    The way out is the one that chroot(2) tells of: the root is moved below the working folder.
+    """
+    folder = os.getcwd()
+    root = os.open("/", os.O_PATH | os.O_DIRECTORY)
+    os.chroot(_WORKBENCH)
+    os.fchdir(root)
+    while not os.path.samefile(".", ".."):
+        os.chdir("..")
+    os.chroot(".")
+    linux.mount(None, "/", flags=linux.MS_PRIVATE | linux.MS_REC)
+    os.fchdir(root)
+    os.close(root)
+    place = os.getcwd()
+    linux.bind(".", ".")
+    os.chroot(place)
+    os.chdir(folder)
+
+
+def _remedy(number, uid):
+    """What to do about a refusal; see the errors of unshare(2), user_namespaces(7) and mount(2)."""
+    if number == errno.EPERM and uid == 0:
+        return "in a container, give it the capability CAP_SYS_ADMIN (docker run --privileged)"
+    if number in (errno.EPERM, errno.EACCES):
+        return ("run this as root, or allow user namespaces: outside of a chroot, with the sysctls, where they"
+                " exist, kernel.unprivileged_userns_clone=1 and kernel.apparmor_restrict_unprivileged_userns=0")
+    if number in (errno.ENOSPC, errno.EUSERS):
+        return "raise the sysctls user.max_*_namespaces: each must be above 0 and above what is in use"
+    if number == errno.EINVAL:
+        return "it takes a kernel with mount, process, network, IPC and user namespaces, and a root that is mounted"
+    if number == errno.ENOENT:
+        return "mount /proc"
+    return "without private namespaces there is no sandbox"
 
 
 def _as_first_process(command, programs, parent):
@@ -141,8 +185,9 @@ def _as_first_process(command, programs, parent):
 
 def _run_command(command, parent):
     """Runs the command to its end, burying every orphan on the way."""
-    # A limit of 1 keeps a crash also from a core dump handler of the host; see core(5) and coredump.c.
-    resource.setrlimit(resource.RLIMIT_CORE, (1, 1))
+    # A limit of 1 keeps a crash also from a core dump handler of the host; see core(5) and coredump.c. A test
+    # that wants a core dump can raise it again.
+    resource.setrlimit(resource.RLIMIT_CORE, (1, resource.getrlimit(resource.RLIMIT_CORE)[1]))
     variables = {name: _as_seen_inside(value) for name, value in os.environ.items()}
     try:
         main = subprocess.Popen(command, env={**variables, "QRX_SANDBOX": "1"})

@@ -44,7 +44,8 @@ CREATE TABLE mail_aliases (
   mn_id int unsigned NOT NULL,
   alias varchar(245) NOT NULL,
   PRIMARY KEY (id),
-  UNIQUE KEY mn_id (mn_id, alias)
+  UNIQUE KEY mn_id (mn_id, alias),
+  KEY alias (alias)
 ) ENGINE=InnoDB AUTO_INCREMENT=5001;
 
 CREATE TABLE mail_resp (

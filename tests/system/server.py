@@ -45,10 +45,10 @@ class Failed(Exception):
     """The server or its data folder can't be had; the text says why."""
 
 
-def start(checkout=_CHECKOUT):
+def start(checkout=_CHECKOUT, options=()):
     """Starts the server on the data folder, a fresh copy unless there is one, and returns when it answers.
 
-    checkout: where the checkout is now
+    checkout: where the checkout is now; options: more of the server's
     """
     if not os.path.exists(_SERVER):
         raise Failed("there is no MariaDB server here (Debian package mariadb-server-core): run script/setup")
@@ -57,7 +57,7 @@ def start(checkout=_CHECKOUT):
     with open(LOG, "ab") as log:
         process = subprocess.Popen(
             [_SERVER, "--no-defaults", "--user=root", f"--datadir={DATA}", f"--socket={SOCKET}",
-             f"--pid-file={PID_FILE}", *_FILES, *_QUICK],
+             f"--pid-file={PID_FILE}", *_FILES, *_QUICK, *options],
             stdin=subprocess.DEVNULL, stdout=log, stderr=log, start_new_session=True)
     deadline = time.monotonic() + _PATIENCE_SECONDS
     while not _answers():

@@ -54,6 +54,15 @@ def mails(after=0):
             continue  # a call ended meanwhile, so its folder has another name now
 
 
+def take():
+    """The calls that are complete by now, in their order; they are forgotten, the others aren't."""
+    taken = []
+    for folder in sorted(entry for entry in _SPOOL.iterdir() if entry.name.isdigit()):
+        taken.append(_mail(folder))
+        shutil.rmtree(folder)
+    return taken
+
+
 def _mail(folder):
     argv = (folder / "argv").read_bytes().split(b"\0")[:-1]
     info = [line.split(" ", 1) for line in

@@ -126,17 +126,6 @@ class Identity(IntakeTest):
         self.assert_answered(result)
         self.assertEqual((result.mails[0].uid, result.mails[0].gid), ((0, 0), (0, 0)))
 
-    def test_a_program_installed_set_user_id_is_not_turned_by_its_callers_environment(self):
-        """The database client would look for its server, and load code, where these say."""
-        shutil.copyfile(sandbox.PROGRAM, SETUID_PROGRAM)
-        SETUID_PROGRAM.chmod(0o4755)
-        lures = {"MYSQL_UNIX_PORT": "/sandbox/rogue.sock", "MARIADB_UNIX_PORT": "/sandbox/rogue.sock",
-                 "MYSQL_TCP_PORT": "1", "LIBMYSQL_PLUGINS": "lure", "MARIADB_PLUGIN_DIR": "/sandbox/lure",
-                 "LIBMYSQL_PLUGIN_DIR": "/sandbox/lure"}
-        result = self.run_program(message=FROM + b"\n", program=str(SETUID_PROGRAM), user=NOBODY, env=lures)
-        self.assert_answered(result)
-        self.assertEqual(set(lures) & set(result.mails[0].env), set())
-
     def test_without_more_rights_than_its_caller_the_environment_is_the_callers_business(self):
         result = self.run_program(message=FROM + b"\n", env={"MYSQL_UNIX_PORT": "/sandbox/rogue.sock"})
         self.assertEqual(result.status, 0)

@@ -14,10 +14,10 @@ _SPOOL = pathlib.Path("/var/spool/exim4")
 _LOG = pathlib.Path("/var/log/exim4")
 _PID = pathlib.Path("/run/exim4/exim.pid")
 
-# What a host has already: local mailboxes, and an alias of one.
+# What a host has already: local mailboxes, an alias of one, and a domain all for one.
 _HOST = """
 primary_hostname = mail.example
-domainlist local_domains = example.com : sender.example : panel.example
+domainlist local_domains = example.com : sender.example : panel.example : all.example
 local_interfaces = 127.0.0.1
 host_lookup =
 keep_environment =
@@ -37,7 +37,8 @@ begin routers
 {routers}
 aliases:
   driver = redirect
-  data = ${{if eq{{$local_part@$domain}}{{office@example.com}}{{info@example.com}}}}
+  condition = ${{if or{{{{eq{{$local_part@$domain}}{{office@example.com}}}}{{eq{{$domain}}{{all.example}}}}}}}}
+  data = info@example.com
 mailboxes:
   driver = accept
   domains = +local_domains
@@ -64,16 +65,17 @@ class Exim(MailSystemCases, MailSystemTest):
         cls._finish_the_installation()
         cls._write_configuration(main="", routers="", transports="")
         subprocess.run(["exim4", "-bd"], check=True)
-        mail_system.wait_until("Exim's start", _PID.exists)
+        mail_system.wait_until("an answer over SMTP", mail_system.answers_smtp)
         (_CONFIGURATION / "autoresponder").write_text(guide.block("exim-list"))
         cls._write_configuration(*(guide.block(f"exim-{part}") for part in ("main", "router", "transport")))
         guide.run_block("exim-commands")
+        mail_system.wait_until("the new configuration", lambda: cls.log().count(" daemon started: ") == 2)
 
     @staticmethod
     def _finish_the_installation():
         """What the package's maintainer scripts do."""
         mail_system.add_user("Debian-exim")
-        _CONFIGURATION.mkdir()
+        mail_system.own_folder(_CONFIGURATION)
         for folder in (_SPOOL, _LOG, _PID.parent):
             folder.mkdir(parents=True)
             shutil.chown(folder, "Debian-exim", "Debian-exim")
@@ -96,6 +98,10 @@ class Exim(MailSystemCases, MailSystemTest):
         return (_LOG / "mainlog").read_text(encoding="utf-8", errors="replace")
 
     @staticmethod
+    def last_line(answer):
+        return re.search(r"id=(\S+)", answer)[1] + " Completed"
+
+    @staticmethod
     def failures(log):
         """See "Logging information" in Exim's documentation: ** is a failed address, == a deferred one."""
         panic = _LOG / "paniclog"
@@ -105,4 +111,15 @@ class Exim(MailSystemCases, MailSystemTest):
         self.furnish()
         self.stop_server()
         self.receive()
-        self.assertRegex(self.news(), r"Unable to connect to Quarx Database: ")
+        self.assertRegex(self.news(), r"<info@example\.com>: autoresponder transport output: "
+                                      r"autoresponder: Unable to connect to Quarx Database: .*mysqld\.sock")
+
+    def test_the_check_of_a_listed_mailbox(self):
+        check = "exim4 -bt -f sender@example.org info@example.com"
+        self.assertIn(check.replace("info@example.com", "ADDRESS"), guide.text())
+        self.assertIn("router = autoresponder, transport = autoresponder\n", guide.run_commands(check))
+
+    def test_the_check_of_the_trusted_users(self):
+        check = "exim4 -bP trusted_users"
+        self.assertIn(check, guide.text())
+        self.assertEqual(guide.run_commands(check), "trusted_users = autoresponder\n")

@@ -3,14 +3,16 @@
 A block of any size comes from mmap(2) or brk(2): see malloc(3), NOTES.
 """
 
+import os
+import pathlib
 import re
 import signal
 
 import expected
 import program_run
 import spool
-from fault_case import COPY, FORWARD, NOTIFICATION, RESPONSE, FaultTest
-from harness import MESSAGE
+from fault_case import COPY, FORWARD, NOTIFICATION, REPLY, RESPONSE, SENDER, TEXT, FaultTest
+from harness import MESSAGE, RECIPIENT
 
 LARGE = MESSAGE + b"A line of it.\n" * 20000
 # The C++ run-time writes the mangled name where it finds no memory for the other one.
@@ -101,11 +103,12 @@ class AddressSpaceLimited(FaultTest):
         """Limits from what the loader can't do with up to the first one that is enough."""
         self.skip_if_sanitized("the sanitizers need more address space than any limit leaves")
         known = ((127, None), (None, signal.SIGABRT), (0, None), (1, None))
-        for mebibytes in range(8, 128, 2):
+        limits = [*range(2048, 16384, 256), *range(16384, 131072, 2048)]
+        for kibibytes in limits:
             spool.empty()
             program_run.empty_tmp()
-            result = self.run_program(message=LARGE, rlimits={"as": mebibytes << 20})
-            with self.subTest(mebibytes=mebibytes):
+            result = self.run_program(message=LARGE, rlimits={"as": kibibytes << 10})
+            with self.subTest(kibibytes=kibibytes):
                 self.assertIn((result.status, result.signal), known, result.stderr)
                 self.assertEqual(result.stderr == b"", len(result.mails) == 3, result.stderr)
                 if result.status == 127:
@@ -113,4 +116,25 @@ class AddressSpaceLimited(FaultTest):
             if result.stderr == b"":
                 break
         self.assert_ended(result)
-        self.assertGreater(mebibytes, 8)
+        self.assertGreater(kibibytes, limits[0])
+
+
+class LargeAttachment(FaultTest):
+    SIZE = 200 << 20
+
+    def test_larger_than_the_address_space(self):
+        """It is carried piece by piece: the reply's size, when sendmail is given it, is that of the whole."""
+        self.skip_if_sanitized("the sanitizers need more address space than any limit leaves")
+        self.panel.attachment(self.responder, "here", b"")
+        os.truncate(self.panel.attachment_folder(self.responder) / "here", self.SIZE)
+        self.sql("delete from resp_forward")
+        self.sql("delete from resp_attach where filename='gone'")
+        self.sendmail("run stat -c %s /tmp/qrx-response-uu-* >/sandbox/spool/.size")
+        result = self.run_program(rlimits={"as": 128 << 20})
+        self.assert_ended(result)
+        self.assertEqual([mail.argv for mail in result.mails], [REPLY[0]])
+        lines, rest = divmod(self.SIZE, 45)
+        empty = expected.reply(SENDER, RECIPIENT, "Re: Opening hours", TEXT, attachments=[("here", b"")])
+        self.assertEqual(int(pathlib.Path("/sandbox/spool/.size").read_text()),
+                         len(empty) + 61 * lines + len(expected.base64_lines(bytes(rest))))
+        self.assert_nothing_left(result)

@@ -226,6 +226,10 @@ class Sender(FrequencyTest):
     def test_with_a_single_quote(self):
         self.assert_found_again("o'brien@sender.example", r"o\'brien@sender.example")
 
+    def test_with_a_single_quote_where_the_server_knows_no_backslashes(self):
+        self.sql("set global sql_mode='NO_BACKSLASH_ESCAPES'")
+        self.assert_found_again("o'brien@sender.example", "o''brien@sender.example")
+
     def test_with_double_quotes_and_a_backslash(self):
         self.assert_found_again(r'"a\\b c"@sender.example', r'\"a\\\\b c\"@sender.example')
 

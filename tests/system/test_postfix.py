@@ -7,13 +7,13 @@ import subprocess
 
 import guide
 import mail_system
-from mail_system_case import MAILBOXES, MailSystemCases, MailSystemTest
+from mail_system_case import MAILBOXES, SAM, MailSystemCases, MailSystemTest
 
 _CONFIGURATION = pathlib.Path("/etc/postfix")
 _SPOOL = pathlib.Path("/var/spool/postfix")
 _LOG = pathlib.Path("/var/log/mail.log")
 
-# What a host has already: virtual mailboxes, and an alias of one.
+# What a host has already: virtual mailboxes, an alias of one, and a domain all for one.
 _HOST = """
 compatibility_level = 3.6
 myhostname = mail.example
@@ -24,6 +24,7 @@ alias_maps =
 smtpd_peername_lookup = no
 disable_dns_lookups = yes
 maillog_file = /var/log/mail.log
+virtual_alias_domains = all.example
 virtual_mailbox_domains = example.com, sender.example, panel.example
 virtual_mailbox_base = /var/vmail
 virtual_mailbox_maps = texthash:/etc/postfix/mailboxes
@@ -43,6 +44,7 @@ class Postfix(MailSystemCases, MailSystemTest):
         cls._append("master.cf", guide.block("postfix-master"))
         cls._append("autoresponder", guide.block("postfix-map"))
         guide.run_block("postfix-commands")
+        mail_system.wait_until("the new configuration", lambda: " reload -- version" in cls.log())
 
     @classmethod
     def _start_as_it_was(cls):
@@ -50,7 +52,7 @@ class Postfix(MailSystemCases, MailSystemTest):
         cls._append("main.cf", _HOST.format(uid=vmail.pw_uid, gid=vmail.pw_gid))
         cls._append("mailboxes", "".join("{0} {2}/{1}/\n".format(address, *address.split("@"))
                                          for address in MAILBOXES))
-        cls._append("virtual", "office@example.com info@example.com\n")
+        cls._append("virtual", "office@example.com info@example.com\n@all.example info@example.com\n")
         for command in (["postmap", "/etc/postfix/virtual"], ["postconf", "-F", "*/*/chroot=n"], ["postfix", "start"]):
             subprocess.run(command, check=True, capture_output=True)
 
@@ -58,7 +60,8 @@ class Postfix(MailSystemCases, MailSystemTest):
     def _finish_the_installation():
         """What the package's maintainer scripts do."""
         mail_system.add_user("postfix", group="postdrop")
-        shutil.copytree(mail_system.UNPACKED / "etc/postfix", _CONFIGURATION)
+        mail_system.own_folder(_CONFIGURATION)
+        shutil.copytree(mail_system.UNPACKED / "etc/postfix", _CONFIGURATION, dirs_exist_ok=True)
         shutil.copyfile(mail_system.UNPACKED / "usr/share/postfix/master.cf.dist", _CONFIGURATION / "master.cf")
         shutil.copytree(mail_system.UNPACKED / "var/spool/postfix", _SPOOL)
         data = pathlib.Path("/var/lib/postfix")
@@ -88,6 +91,10 @@ class Postfix(MailSystemCases, MailSystemTest):
         return _LOG.read_text(encoding="utf-8", errors="replace")
 
     @staticmethod
+    def last_line(answer):
+        return re.search(r"queued as (\w+)", answer)[1] + ": removed"
+
+    @staticmethod
     def failures(log):
         return re.findall(r".*status=(?!sent).*|.*postfix/\w+\[\d+\]: (?:fatal|panic|error|warning): .*", log)
 
@@ -95,5 +102,21 @@ class Postfix(MailSystemCases, MailSystemTest):
         self.furnish()
         self.stop_server()
         self.receive()
-        self.assertRegex(self.news(), r"relay=autoresponder, .* status=sent \(delivered via autoresponder service \(.*"
-                                      r"Unable to connect to Quarx Database: ")
+        shown = re.search(r"relay=autoresponder, .* status=sent \(delivered via autoresponder service \((.*)\)\)$",
+                          self.news(), re.MULTILINE)[1]
+        self.assertTrue(shown.startswith("autoresponder: Unable to connect to Quarx Database: "), shown)
+        self.assertEqual(len(shown), 100)
+
+    def test_the_check_of_a_listed_mailbox(self):
+        check = "postmap -q info@example.com hash:/etc/postfix/autoresponder"
+        self.assertIn(check.replace("info@example.com", "ADDRESS"), guide.text())
+        self.assertEqual(guide.run_commands(check), "info@example.com, answer@autoresponder.invalid\n")
+
+    def test_a_reply_over_the_message_size_limit_is_refused_unless_databytes_says_so(self):
+        self.panel.attachment(self.furnish(), "large.bin", bytes(9_000_000))
+        self.receive()
+        self.assert_delivered(SAM)
+        self.assertIn("postdrop: warning: uid=", self.news())
+        self.panel.databytes("10240000\n")
+        self.receive()
+        self.assertIn(b"Autoresponder message size exceeds databytes limit.", self.only_mail(SAM))

@@ -158,12 +158,50 @@ class Sandbox(SystemTest):
                                                  "xml:/sandbox/checkout/build/"])
         self.assertEqual(sorted(path.name for path in (checkout / "build").iterdir()), ["kept", "new", "sandbox"])
 
-    def test_a_refusal_is_one_line_that_says_what_to_do(self):
-        refuse = ["strace", "-f", "-o", "/dev/null", "-e", "inject=unshare:error=EPERM"]
-        result = in_sandbox("true", prefix=refuse)
-        self.assertEqual((result.returncode, result.stdout), (1, ""))
-        self.assertEqual(result.stderr.count("\n"), 1)
-        self.assertIn("the kernel refuses private namespaces (Operation not permitted)", result.stderr)
+    def test_a_refusal_is_one_line_that_names_the_call_and_says_what_to_do(self):
+        for call, error, text, remedy in (
+                ("unshare", "EPERM", "unshare: Operation not permitted; ", "CAP_SYS_ADMIN"),
+                ("unshare", "ENOSPC", "unshare: No space left on device; ", "user.max_*_namespaces"),
+                ("unshare", "EINVAL", "unshare: Invalid argument; ", "a kernel with"),
+                ("mount", "EPERM", "mount /: Operation not permitted; ", "CAP_SYS_ADMIN"),
+                ("mount", "EINVAL", "mount /: Invalid argument; ", "a root that is mounted"),
+                ("unshare", "ENOMEM", "unshare: Cannot allocate memory; ", "no sandbox")):
+            with self.subTest(call=call, error=error):
+                refuse = ["strace", "-f", "-o", "/dev/null", "-e", f"inject={call}:error={error}"]
+                result = in_sandbox("true", prefix=refuse)
+                self.assertEqual((result.returncode, result.stdout), (1, ""))
+                self.assertEqual(result.stderr.count("\n"), 1)
+                self.assertTrue(result.stderr.startswith(f"in_sandbox: {text}"), result.stderr)
+                self.assertIn(remedy, result.stderr)
+
+    def test_an_ordinary_user_is_told_what_to_do(self):
+        self.need_other_users()
+        for error, remedy in (("EPERM", "run this as root, or allow user namespaces"),
+                              ("ENOSPC", "user.max_*_namespaces")):
+            with self.subTest(error):
+                result = in_sandbox("true", prefix=[
+                    "setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}", "--clear-groups",
+                    "strace", "-f", "-o", "/dev/null", "-e", f"inject=unshare:error={error}"])
+                self.assertEqual((result.returncode, result.stderr.count("\n")), (1, 1))
+                self.assertIn(remedy, result.stderr)
+
+    def test_works_in_a_chroot_and_shows_nothing_outside(self):
+        """The root is a folder that is no mount, in a tree whose mounts are told to others."""
+        (HERE.parents[1] / "build").mkdir(exist_ok=True)
+        script = """set -e
+mkdir /tmp/tree /tmp/tree/tmp
+for entry in $(ls -A /); do
+    [ $entry = tmp ] || if [ -L /$entry ]; then cp -P /$entry /tmp/tree; else
+        mkdir /tmp/tree/$entry; mount --rbind /$entry /tmp/tree/$entry; fi
+done
+cat /proc/self/mountinfo > /tmp/before
+chroot /tmp/tree "$0" sh -c 'pwd; ls -A /tmp; touch /tmp/x /usr/new; mariadb --no-defaults -N -uadmin -psandbox-admin qrx -e "select 42"'
+cmp /proc/self/mountinfo /tmp/before
+ls -A /tmp/tree/tmp"""
+        result = subprocess.run(["unshare", "--mount", "--propagation", "shared", "sh", "-c", script, IN_SANDBOX],
+                                stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=PATIENCE, check=False)
+        self.assertEqual((result.stdout, result.stderr, result.returncode),
+                         ("/\n42\n", "touch: cannot touch '/usr/new': Read-only file system\n", 0))
 
     def test_a_server_that_does_not_start_is_told_with_its_reason(self):
         checkout = self.copy_of_the_checkout()

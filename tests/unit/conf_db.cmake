@@ -21,3 +21,10 @@ target_sources(quarx_db_test PRIVATE fake_server.cpp)
 
 qrx_db_test(quarx_param_test)
 target_sources(quarx_param_test PRIVATE fake_server.cpp)
+
+# The client's archive with its TLS hooks, where the program is linked with it.
+if(NOT QRX_CLIENT STREQUAL "shared")
+    qrx_sandbox_unit_test(no_tls_test quarx_db quarx_log)
+    target_sources(no_tls_test PRIVATE fake_server.cpp)
+    qrx_link_archives(no_tls_test)
+endif()

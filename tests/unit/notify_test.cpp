@@ -8,8 +8,23 @@
 
 #include <cerrno>
 #include <csignal>
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
+#include <utility>
+
+// The next pipe's write end can't be written to.
+static bool next_write_end_is_unusable = false;
+
+extern "C" {
+int __real_pipe2(int* ends, int flags);
+int __wrap_pipe2(int* ends, int flags) {
+    const int result = __real_pipe2(ends, flags);
+    if (result == 0 && std::exchange(next_write_end_is_unusable, false))
+        dup3(ends[0], ends[1], O_CLOEXEC);
+    return result;
+}
+}
 
 namespace {
 
@@ -264,7 +279,7 @@ TEST_F(NotifyTest, UnstartedSendmailIsReportedAndThePipeClosed) {
 
 TEST_F(NotifyTest, UnusableStreamIsReportedAndTheChildWaitedFor) {
     have_client();
-    spawned::close_write_end_at_next();
+    next_write_end_is_unusable = true;
     EXPECT_EQ(notify(), "Unable to send mail with notify of not exist attachment.\n");
     const std::vector<spawned::Call> calls = spawned::calls();
     ASSERT_EQ(calls.size(), 1U);

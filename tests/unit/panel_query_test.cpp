@@ -45,6 +45,27 @@ TEST_F(PanelQuery, StatementWithoutAResultIsNull) {
     EXPECT_FALSE(store_query(connection(), "do 1"));
 }
 
+TEST_F(PanelQuery, RefusedStatementLeavesTheConnectionUsable) {
+    EXPECT_FALSE(send_statement(connection(), "select 1 from refused"));
+    EXPECT_TRUE(store_query(connection(), "select 1"));
+}
+
+TEST_F(PanelQuery, StatementWithoutAResultLeavesTheConnectionUsable) {
+    EXPECT_FALSE(store_query(connection(), "do 1"));
+    EXPECT_TRUE(store_query(connection(), "select 1"));
+}
+
+TEST_F(PanelQuery, AnswerThatIsNotTakenWholeIsNeverThatOfALaterStatement) {
+    const MysqlConnection own(db_connect());
+    ASSERT_EQ(mysql_query(own.get(), "select 1 union select 2"), 0);
+    EXPECT_FALSE(send_statement(own.get(), "do 1")) << "commands out of sync";
+    {
+        const MysqlResult left(mysql_use_result(own.get()));
+        mysql_fetch_row(left.get());
+    }
+    EXPECT_FALSE(store_query(own.get(), "select 3")) << "the connection is shut";
+}
+
 TEST_F(PanelQuery, FailureEndsTheRunWithItsMessage) {
     write_file(mail_file_name, "message");
     EXPECT_EXIT(

@@ -1,4 +1,5 @@
-// The process's own state: standard descriptors, SIGPIPE, identity.
+// The process's own state: standard descriptors, signals, environment, mode mask, identity, core
+// dumps.
 
 #include "autoresponder/process.h"
 
@@ -7,11 +8,17 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <string>
 #include <sys/auxv.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -82,6 +89,25 @@ TEST(PrepareProcess, OpensDevNullOnAllStandardDescriptorsAndNoOther) {
     EXPECT_EQ(outcome.result, "same number: /dev/null /dev/null /dev/null");
 }
 
+TEST(PrepareProcess, LeavesNoHoleInARootFolderWithoutDevices) {
+    ASSERT_TRUE(std::filesystem::create_directory("/tmp/root"));
+    const isolated::Outcome outcome = isolated::run([] {
+        if (chroot("/tmp/root") != 0 || chdir("/") != 0)
+            return std::string("no chroot");
+        close(STDIN_FILENO);
+        close(STDERR_FILENO);
+        prepare_process();
+        char byte = 'x';
+        std::string result;
+        for (const int fd : {STDIN_FILENO, STDERR_FILENO})
+            result += std::to_string(fcntl(fd, F_GETFD)) + std::to_string(read(fd, &byte, 1)) +
+                      std::to_string(write(fd, &byte, 1)) + " ";
+        return result;
+    });
+    std::filesystem::remove("/tmp/root");
+    EXPECT_EQ(outcome.result, "0-1-1 0-1-1 ");
+}
+
 TEST(PrepareProcess, GivesItsDescriptorsToChildren) {
     const isolated::Outcome outcome = isolated::run([] {
         close(STDOUT_FILENO);
@@ -114,33 +140,71 @@ TEST(PrepareProcess, IgnoresALimitOnFileSizes) {
     EXPECT_EQ(outcome.result, "alive");
 }
 
-// The variables, of those set here, that are left by prepare_process.
-std::string left_in_environment(bool secure) {
-    return isolated::run([secure] {
+// The whole environment after prepare_process, in which these were set.
+std::string environment_after_preparing(bool secure, const std::vector<std::string>& variables) {
+    return isolated::run([&] {
                more_rights_than_the_caller = secure;
                clearenv();
-               for (const char* name :
-                    {"LIBMYSQL_ENABLE_CLEARTEXT_PLUGIN", "LIBMYSQL_PLUGINS", "LIBMYSQL_PLUGIN_DIR",
-                     "MARIADB_HOME", "MARIADB_PLUGIN_DIR", "MARIADB_TCP_PORT", "MARIADB_UNIX_PORT",
-                     "MYSQL_HOME", "MYSQL_PWD", "MYSQL_TCP_PORT", "MYSQL_UNIX_PORT", "OPENSSL_CONF",
-                     "SSL_CERT_DIR", "SSL_CERT_FILE", "PATH", "RESP_RECIPIENT"})
-                   setenv(name, "x", 1);
+               for (const std::string& variable : variables)
+                   putenv(strdup(variable.c_str())); // the environment's for good
                prepare_process();
-               int count = 0;
-               std::string names;
-               for (char** variable = environ; *variable != nullptr; ++variable, ++count)
-                   names += std::string(*variable) + " ";
-               return count == 16 ? "all" : names;
+               std::vector<std::string> left;
+               for (char** variable = environ; variable && *variable; ++variable)
+                   left.emplace_back(*variable);
+               std::sort(left.begin(), left.end());
+               std::string result;
+               for (const std::string& variable : left)
+                   result += variable + " ";
+               return result;
            })
         .result;
 }
 
-TEST(PrepareProcess, DropsTheClientsVariablesWhereItHasMoreRightsThanItsCaller) {
-    EXPECT_EQ(left_in_environment(true), "PATH=x RESP_RECIPIENT=x ");
+constexpr char kRootsPath[] = "PATH=/usr/bin:/bin:/usr/sbin:/sbin ";
+
+TEST(PrepareProcess, KeepsTheRecipientAloneWhereItHasMoreRightsThanItsCaller) {
+    EXPECT_EQ(environment_after_preparing(
+                  true, {"MYSQL_UNIX_PORT=x", "LIBMYSQL_PLUGINS=x", "PATH=/sandbox/bin",
+                         "RESP_RECIPIENT=a@b", "HOME=/", "RESP_RECIPIENT_=x", "XRESP_RECIPIENT=x"}),
+              std::string(kRootsPath) + "RESP_RECIPIENT=a@b ");
+}
+
+TEST(PrepareProcess, KeepsAnEmptyRecipient) {
+    EXPECT_EQ(environment_after_preparing(true, {"RESP_RECIPIENT="}),
+              std::string(kRootsPath) + "RESP_RECIPIENT= ");
+}
+
+TEST(PrepareProcess, MakesUpNoRecipient) {
+    EXPECT_EQ(environment_after_preparing(true, {"MYSQL_PWD=x"}), kRootsPath);
+    EXPECT_EQ(environment_after_preparing(true, {}), kRootsPath);
 }
 
 TEST(PrepareProcess, KeepsTheEnvironmentOtherwise) {
-    EXPECT_EQ(left_in_environment(false), "all");
+    EXPECT_EQ(environment_after_preparing(false, {"MYSQL_UNIX_PORT=x", "PATH=/sandbox/bin", "A="}),
+              "A= MYSQL_UNIX_PORT=x PATH=/sandbox/bin ");
+}
+
+// The file mode mask after prepare_process, in octal digits, when it comes as `callers`.
+std::string mask_after_preparing(bool secure, mode_t callers) {
+    return isolated::run([=] {
+               more_rights_than_the_caller = secure;
+               umask(callers);
+               prepare_process();
+               char digits[8];
+               snprintf(digits, sizeof digits, "%03o", umask(0));
+               return std::string(digits);
+           })
+        .result;
+}
+
+TEST(PrepareProcess, SetsTheModeMaskWhereItHasMoreRightsThanItsCaller) {
+    EXPECT_EQ(mask_after_preparing(true, 0), "022");
+    EXPECT_EQ(mask_after_preparing(true, 0777), "022");
+}
+
+TEST(PrepareProcess, KeepsTheModeMaskOtherwise) {
+    EXPECT_EQ(mask_after_preparing(false, 0), "000");
+    EXPECT_EQ(mask_after_preparing(false, 077), "077");
 }
 
 TEST(TakeRootIdentity, TakesUserAndGroupZeroFromASetUserIdProgram) {
@@ -173,6 +237,15 @@ TEST(TakeRootIdentity, GoesOnWhereItIsNotAllowed) {
         return std::to_string(geteuid()) + ":" + std::to_string(getegid()) + " " + written;
     });
     EXPECT_EQ(outcome.result, "65534:65534 ");
+}
+
+TEST(ForbidCoreDumps, MakesTheProcessUndumpable) {
+    const isolated::Outcome outcome = isolated::run([] {
+        const int before = prctl(PR_GET_DUMPABLE);
+        forbid_core_dumps();
+        return std::to_string(before) + std::to_string(prctl(PR_GET_DUMPABLE));
+    });
+    EXPECT_EQ(outcome.result, "10");
 }
 
 } // namespace

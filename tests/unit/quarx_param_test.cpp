@@ -206,6 +206,28 @@ TEST_F(QuarxParam, a_result_that_breaks_off_is_null_and_told) {
 
 // --- The connection, of the caller or of the call ---
 
+TEST_F(QuarxParam, an_answer_that_was_not_read_is_no_later_parameters) {
+    put_param("colour", "blue", conn());
+    const isolated::Outcome outcome = isolated::run([] {
+        const MysqlConnection own = panel::connect();
+        mysql_query(own.get(), "select 'unread'");
+        const std::string first = shown(get_param("colour", own.get())); // out of sync
+        mysql_free_result(mysql_use_result(own.get()));
+        return first + ", " + shown(get_param("colour", own.get()));
+    });
+    EXPECT_EQ(outcome.result, "null, null") << isolated::describe(outcome);
+}
+
+TEST_F(QuarxParam, a_refused_query_leaves_the_connection_usable) {
+    put_param("colour", "blue", conn());
+    const isolated::Outcome outcome = isolated::run([] {
+        const MysqlConnection own = panel::connect();
+        const std::string first = shown(get_param_query("select 1 from nowhere", own.get()));
+        return first + ", " + shown(get_param("colour", own.get()));
+    });
+    EXPECT_EQ(outcome.result, "null, 'blue'") << isolated::describe(outcome);
+}
+
 TEST_F(QuarxParam, a_given_connection_is_left_open) {
     sql("insert into misc values('version', '8.6')");
     get_param("version", conn());
@@ -269,6 +291,12 @@ TEST_F(QuarxParam, null_escapes_to_null) {
 
 TEST_F(QuarxParam, a_quote_is_escaped) {
     EXPECT_STREQ(OwnedText(escape_mysql_param(conn(), "O'Brien")).get(), "O\\'Brien");
+}
+
+TEST_F(QuarxParam, a_quote_is_doubled_where_the_server_knows_no_backslashes) {
+    const MysqlConnection own{db_connect()};
+    ASSERT_EQ(mysql_query(own.get(), "set sql_mode='NO_BACKSLASH_ESCAPES'"), 0);
+    EXPECT_STREQ(OwnedText(escape_mysql_param(own.get(), "O'Bri\\en")).get(), "O''Bri\\en");
 }
 
 TEST_F(QuarxParam, every_special_byte_is_escaped) {

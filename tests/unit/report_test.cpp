@@ -71,6 +71,8 @@ TEST(ErrorText, IsTheTextAndTheNumber) {
 
 TEST(ReportAndExit, EndsTheRunWithStatusZero) {
     EXPECT_EXIT(report_and_exit("Abnormal exit."), ExitedWithCode(0), Eq("Abnormal exit.\n"));
+    EXPECT_EXIT(report_and_exit("Unable to query: ", "no"), ExitedWithCode(0),
+                Eq("Unable to query: no\n"));
 }
 
 } // namespace

@@ -8,17 +8,21 @@
 #include "support/spawned.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <initializer_list>
 #include <new>
+#include <stdexcept>
 #include <unistd.h>
 
-// Memory of the program's own that runs out: malloc(3) for one size, operator new from one size on.
+// Memory of the program's own that runs out: malloc(3) for one size, operator new from one size on,
+// which throws what nobody expects of it where a case asks for that.
 namespace {
 size_t refused_malloc = 0;
 size_t refused_new = SIZE_MAX;
+bool refusal_is_a_logic_error = false;
 } // namespace
 
 extern "C" void* __real_malloc(size_t size);
@@ -30,6 +34,8 @@ extern "C" void* __wrap_malloc(size_t size) {
 [[gnu::noinline]] void* operator new(size_t size) {
     void* memory = size < refused_new ? std::malloc(size) : nullptr;
     if (memory == nullptr) {
+        if (refusal_is_a_logic_error)
+            throw std::logic_error("refused");
         errno = ENOMEM;
         throw std::bad_alloc();
     }
@@ -306,6 +312,40 @@ TEST_F(ResponderTest, ExhaustedMemoryIsReported) {
                    "prog: Program failed due to exhausted memory\n"
                    "System error 12: Cannot allocate memory\n",
                    outcome.out);
+    EXPECT_EQ(files_in("/tmp").size(), 1U) << "the message's copy stays";
+}
+
+TEST_F(ResponderTest, ExhaustedMemoryInForwardingIsReported) {
+    have_responder("resp_on='true'");
+    panel::run("alter table resp_forward modify address mediumtext");
+    panel::run("insert into resp_forward set rn_id=7, address=repeat('x', 3000000)");
+    write_file(mail_file_name, "message");
+    const isolated::Outcome outcome = isolated::run([&] {
+        refused_new = 1000000;
+        db_mail_act(&content);
+        return std::string();
+    });
+    EXPECT_OUTCOME(outcome, 1,
+                   "prog: Program failed due to exhausted memory\n"
+                   "System error 12: Cannot allocate memory\n",
+                   outcome.out);
+    EXPECT_EQ(files_in("/tmp").size(), 1U) << "the message's copy stays";
+    EXPECT_EQ(panel::value("select rn_id from resp_freq"), "7") << "it was counted before";
+}
+
+TEST_F(ResponderTest, ExceptionOfAnotherTypeIsNotCaught) {
+    have_responder("resp_on='true', text=repeat('x', 3000000)");
+    write_file(mail_file_name, "message");
+    const isolated::Outcome outcome = isolated::run([&] {
+        refused_new = 1000000;
+        refusal_is_a_logic_error = true;
+        db_mail_act(&content);
+        return std::string();
+    });
+    EXPECT_EQ(outcome.signal, SIGABRT) << isolated::describe(outcome);
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_EQ(outcome.err, "terminate called after throwing an instance of 'std::logic_error'\n"
+                           "  what():  refused\n");
     EXPECT_EQ(files_in("/tmp").size(), 1U) << "the message's copy stays";
 }
 

@@ -377,6 +377,35 @@ TEST_F(IconvRecode, CharsetNamesOfAnyLengthEnd) {
     EXPECT_LT(seconds, 60.0) << "processor time";
 }
 
+TEST_F(IconvRecode, Utf7FallsBackFromAnInvalidCharacterAsInOneCall) {
+    const std::string invalid = "+AbiBTY2htK0FQd1f+"; // a low surrogate alone
+    for (const char* name : {"utf-7", "UTF7", "utf 7"})
+        for (size_t before = 1000; before < 1030; ++before) {
+            const std::string text = std::string(before, 'a') + invalid + "\xff" + invalid + " b";
+            const Outcome wanted =
+                outcome_of([&] { return twin::recode(text, name, "utf-8", true); });
+            ASSERT_EQ(recoded(text, name, "utf-8"), wanted) << name << " behind " << before;
+        }
+}
+
+TEST_F(IconvRecode, Utf7WithoutBlanksIsNotReadOverAndOver) {
+    for (const char* invalid : {"\xff", "+3AA-", "+3AA"}) {
+        const std::string text = repeated(invalid, 1'000'000);
+        iconv_calls.bytes_shown = 0;
+        recoded(text, "utf-7", "utf-8");
+        EXPECT_LE(iconv_calls.bytes_shown, 32 * text.size() + (size_t{16} << 20)) << invalid;
+    }
+}
+
+TEST_F(IconvRecode, LetterHeldBackForItsMarkIsNotLost) {
+    const std::string letter = "か\xe3\x82\x9a"; // U+304B U+309A
+    for (const char* name : {"ibm1390", "CP1390", "IBM-1399"})
+        for (size_t before = 1015; before < 1030; ++before)
+            EXPECT_EQ(recoded(std::string(before, '1') + letter, "utf-8", name).text,
+                      std::string(before, '\xf1') + "\x0e\xec\xb5")
+                << name << " behind " << before;
+}
+
 TEST_F(IconvRecode, PiecesPutTogetherAreTheWhole) {
     const std::string text = repeated("a\xffü中", 5000);
     for (const char* from : {"utf-8", "latin1", "koi8-r"}) {
@@ -501,7 +530,10 @@ void expect_in_limits(const std::string& input, const std::string& from, const s
     const Outcome got = recoded(input, from, to);
     EXPECT_LE(iconv_calls.calls, 2 * input.size() + 16) << from << " to " << to;
     if (to.find('/') == std::string::npos) {
-        EXPECT_LE(iconv_calls.bytes_shown, 32 * input.size() + 4096) << from << " to " << to;
+        // In UTF-7 pieces end behind blanks, as long as that shows no more than this in vain.
+        const size_t patience = from.find("UTF-7") == 0 ? size_t{16} << 20 : 0;
+        EXPECT_LE(iconv_calls.bytes_shown, 32 * input.size() + 4096 + patience)
+            << from << " to " << to;
     }
     EXPECT_LE(got.text.size(), 16 * input.size() + 64) << from << " to " << to;
     const Outcome wanted = outcome_of([&] { return twin::recode(input, from, to, true); });

@@ -7,7 +7,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -24,7 +23,6 @@ struct Child {
 std::vector<Child> children;
 int next_error = 0;
 bool next_ends_early = false;
-bool next_closes_write_end = false;
 
 [[noreturn]] void be_child(int source, int target) {
     // Among the caller's descriptors is the write end of the child's own pipe.
@@ -36,17 +34,6 @@ bool next_closes_write_end = false;
         if (write(target, block, static_cast<size_t>(got)) != got)
             _exit(1);
     _exit(0);
-}
-
-std::string identity(int fd) {
-    std::error_code gone;
-    return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), gone);
-}
-
-void close_write_end(int read_end) {
-    for (int fd = 3; fd < 1024; ++fd)
-        if (fd != read_end && identity(fd) == identity(read_end))
-            close(fd);
 }
 
 std::string take(int fd) {
@@ -72,8 +59,6 @@ int start(int fd_in, spawned::Call call) {
         be_child(fd_in, input);
     if (std::exchange(next_ends_early, false)) // gone, but not yet waited for, when this returns
         waitid(P_PID, static_cast<id_t>(pid), nullptr, WEXITED | WNOWAIT);
-    if (std::exchange(next_closes_write_end, false))
-        close_write_end(fd_in);
     children.push_back({std::move(call), pid, input});
     return pid;
 }
@@ -100,7 +85,6 @@ void forget() {
     children.clear();
     next_error = 0;
     next_ends_early = false;
-    next_closes_write_end = false;
 }
 
 void fail_next(int error) {
@@ -109,10 +93,6 @@ void fail_next(int error) {
 
 void end_next_early() {
     next_ends_early = true;
-}
-
-void close_write_end_at_next() {
-    next_closes_write_end = true;
 }
 
 } // namespace spawned

@@ -29,7 +29,4 @@ void fail_next(int error);
 // The next child reads nothing and has ended when the start returns.
 void end_next_early();
 
-// The next start closes the write end of the pipe that it is given, in the caller.
-void close_write_end_at_next();
-
 } // namespace spawned
