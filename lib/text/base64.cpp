@@ -26,7 +26,7 @@ struct Pair {
 };
 constexpr std::array<Pair, 4096> kPairs = [] {
     std::array<Pair, 4096> pairs{};
-    for (std::size_t value = 0; value < pairs.size(); ++value)
+    for (std::size_t value = 0; value != pairs.size(); ++value)
         pairs[value] = {base64Chars[value >> 6], base64Chars[value & 63]};
     return pairs;
 }();
