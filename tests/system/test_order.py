@@ -87,7 +87,7 @@ class Order(DatabaseTest):
         return result
 
     BEGIN = ["become uid 0", "become gid 0", "make the copy", "read the message", "write the copy",
-             "read the message", "write the copy", "connect", "SET NAMES utf8"]
+             "connect", "SET NAMES utf8"]
     END = ["remove the copy", "remove the reply's file", "exit with 0"]
 
     def look_up(self):
