@@ -20,8 +20,8 @@
 #include <cstddef>
 #include <mysql.h>
 
-// Starts the client library, once a process, which then ignores SIGPIPE. Connecting does so too where
-// it hasn't been done; it is for a program that escapes text (`mysql_escape_string`) before.
+// Starts the client library, once a process, which then ignores SIGPIPE. Connecting does so too
+// where it hasn't been done; it is for a program that escapes text (`mysql_escape_string`) before.
 void quarx_db_start_client();
 
 // --- Connecting ---
