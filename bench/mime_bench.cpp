@@ -37,7 +37,7 @@ BENCHMARK_CAPTURE(parse, large_attachment,
                   std::string(kHead) + "\n--b\n\nHello\n--b\nContent-Type: image/png\n\n" +
                       sample::repeated(std::string(76, 'x') + "\n", kMessageBytes) + "--b--\n")
     ->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(parse, ten_line_parts,
+BENCHMARK_CAPTURE(parse, parts_of_60_KB,
                   std::string(kHead) + "\n" +
                       sample::repeated("--b\nContent-Type: text/plain\n\n" +
                                            sample::repeated(sample::kLine, 770),

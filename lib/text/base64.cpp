@@ -20,10 +20,13 @@ constexpr std::array<std::uint8_t, 256> base64Inv = [] {
 }();
 
 // The two characters of each value of 12 bits: half as many look-ups as one by one.
-using Pair = std::array<char, 2>;
+struct Pair {
+    char high;
+    char low;
+};
 constexpr std::array<Pair, 4096> kPairs = [] {
     std::array<Pair, 4096> pairs{};
-    for (std::size_t value = 0; value < pairs.size(); ++value)
+    for (std::size_t value = 0; value != pairs.size(); ++value)
         pairs[value] = {base64Chars[value >> 6], base64Chars[value & 63]};
     return pairs;
 }();

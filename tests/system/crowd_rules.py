@@ -18,10 +18,12 @@ _GOING_DOWN = (rb"(Lost connection to server|Server has gone away|Server shutdow
 _HALF_MADE = rb"autoresponder: DB error \(set names query\) \d+: " + _GOING_DOWN + rb"\n" + _SYSTEM_ERROR
 _FAILED_QUERY = re.compile(
     rb"(autoresponder: Unable to query: |autoresponder: Unable to exec query :)" + _GOING_DOWN + rb"\n")
-# The notification's own questions: without an answer it isn't sent, or goes out in root's name.
-_FAILED_QUESTION = re.compile(
-    rb"(Unable to define client email and personal name :" + _GOING_DOWN + rb"\n"
-    rb"|autoresponder: [^\n]*" + _GOING_DOWN + rb"\n" + _SYSTEM_ERROR + rb")+")
+# The notification's own questions: without an answer it isn't sent, or goes out in root's name. The panel
+# library reports on both streams.
+_NO_CLIENT = re.compile(rb"Unable to define client email and personal name :" + _GOING_DOWN + rb"\n")
+_NO_PARAMETER = re.compile(rb"autoresponder: Unable to query parameter by query select val from misc where"
+                           rb" param='(admin_email|FullHostName)': " + _GOING_DOWN + rb"\n(\n" + _SYSTEM_ERROR
+                           + rb")?")
 
 FULL = re.compile(_REFUSAL % (rb"(Too many connections|" + _NO_SOCKET + rb")"))
 DOWN = re.compile(_REFUSAL % (rb"(" + _NO_SOCKET + rb"|" + _GOING_DOWN + rb")") + rb"|" + _HALF_MADE)
@@ -46,10 +48,11 @@ def how_it_ended(run, unconnected=None, may_lose_connection=False):
 
 
 def _is_lost_connection(run):
-    if run.stdout == b"" and _FAILED_QUERY.fullmatch(run.stderr):
-        return True
-    lines = _FAILED_QUERY.sub(b"", run.stderr)
-    return bool(_FAILED_QUESTION.fullmatch(lines))
+    on_both_streams = b"".join(match[0] for match in _NO_PARAMETER.finditer(run.stderr))
+    rest = run.stderr
+    for known in (_NO_PARAMETER, _NO_CLIENT, _FAILED_QUERY):
+        rest = known.sub(b"", rest)
+    return rest == b"" and run.stdout == on_both_streams
 
 
 class Mails:

@@ -252,6 +252,15 @@ class Rules(SystemTest):
         self.assertEqual(self.ending(stderr=lost, may_lose_connection=True), "failed query")
         self.assertEqual(self.ending(stderr=lost + b"x\n", may_lose_connection=True), None)
 
+    def test_a_notification_without_its_answers(self):
+        client = b"Unable to define client email and personal name :Server has gone away\n"
+        parameter = (b"autoresponder: Unable to query parameter by query select val from misc where"
+                     b" param='admin_email': Server has gone away\n\nSystem error 32: Broken pipe\n")
+        for stdout, stderr, ending in ((b"", client, "failed query"), (parameter, parameter, "failed query"),
+                                       (b"", parameter, None), (client, client, None)):
+            with self.subTest(stdout=stdout, stderr=stderr):
+                self.assertEqual(self.ending(stdout=stdout, stderr=stderr, may_lose_connection=True), ending)
+
     def test_mails(self):
         responder = crowd.Responder(7, "info", b"This is info.\n", 3, 100000)
         right = crowd_rules._reply("a@b", "info@example.com", responder.text, ())

@@ -104,8 +104,8 @@ class FatalEnds(IntakeTest):
 
     def test_exhausted_memory(self):
         self.skip_if_sanitized("they take more address space than the limit leaves")
-        # The text fits into the limit, its conversion doesn't: four times as long, grown by doubling.
-        self.sql("update mail_resp set charset='UTF-32', text=repeat('long ', %s)", MEBIBYTE)
+        # The text fits into the limit, its conversion, which is four times as long, doesn't.
+        self.sql("update mail_resp set charset='UTF-32', text=repeat('long ', %s)", 2 * MEBIBYTE)
         result = self.run_message(rlimits={"as": 64 * MEBIBYTE})
         self.assert_fatal(result, b"Program failed due to exhausted memory", rb"\A\Z")
 

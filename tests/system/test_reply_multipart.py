@@ -178,7 +178,7 @@ class MultipartReply(SystemTest):
         result = self.run_program(strace=["-P", str(path), "-e", "trace=read",
                                           "-e", "inject=read:error=EIO:when=2+"])
         self.assert_ended(result)
-        block = content[:1024 * 45]
+        block = content[:1088 * 45]
         self.assert_bytes(result.mails[0].stdin,
                           expected.reply(SENDER, RECIPIENT, SUBJECT, b"Hello\n", attachments=[("x", block)]))
 
