@@ -11,7 +11,7 @@
 #include <errmsg.h>
 
 // Weak, because only the client's archive has it: the shared library keeps it to itself.
-extern "C" [[gnu::weak]] unsigned int mysql_port;
+extern "C" [[gnu::weak]] unsigned int mysql_port; // NOLINT(readability-redundant-declaration)
 
 namespace {
 
@@ -72,7 +72,7 @@ void set_options(MYSQL* connection) {
 // where such a one fails. They come to less than half of this, so that a process with so little
 // memory left fails here instead.
 bool has_room_to_connect() {
-    constexpr size_t kRoomBytes = 96 * 1024;
+    constexpr size_t kRoomBytes = 98304;
     void* volatile room = malloc(kRoomBytes); // volatile: or the compiler leaves it out
     free(room);
     return room != nullptr;

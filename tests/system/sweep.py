@@ -7,6 +7,7 @@ an earlier run: sweep_rules.py says what a fault may do, and judge() holds a run
 
 import collections
 import dataclasses
+import itertools
 import os
 import re
 import sys
@@ -109,6 +110,8 @@ def started_before(statements, at):
 
 
 class SweepTest(FaultTest, DatabaseTest):
+    behaviour = "read"  # of sendmail
+
     def setUp(self):
         super().setUp()
         self.panel.param("admin_email", "")
@@ -131,6 +134,8 @@ class SweepTest(FaultTest, DatabaseTest):
 
     def need_plain_program(self):
         """For faults within the program's process."""
+        if program_run.WATCHED:
+            self.skipTest("memcheck has calls and a malloc of its own")
         self.skip_if_sanitized("strace and preloaded libraries don't get along with the sanitizers")
         if program_run.COVERAGE:
             self.skipTest("the counters of a coverage build are written by calls that would fail too")
@@ -139,9 +144,11 @@ class SweepTest(FaultTest, DatabaseTest):
         """Runs from the same start every time; returns the Result and the statements that the server was sent."""
         program_run.empty_tmp()
         spool.empty()
+        self.sendmail(self.behaviour)
         self.panel.sql("delete from resp_freq")
         self.panel.sql("truncate table mysql.general_log")
         result = self.run_program(timeout=PATIENCE_SECONDS, **how)
+        result.mails = self.mails()  # by now also of a child that outlived the program for a moment
         self._await_end_of_connections()
         statements = self.panel.sql("select argument from mysql.general_log where command_type='Query'"
                                     " and thread_id <> connection_id()")
@@ -166,6 +173,9 @@ class SweepTest(FaultTest, DatabaseTest):
         for (argv, text), (_, right) in zip(got, wanted):
             self.assert_bytes(text, right, f"input of {argv}")
         self.assertTrue(all(mail.complete for mail in result.mails), "every sendmail has come to its end")
+        if outcome.in_order:
+            for mail, following in itertools.pairwise(result.mails):
+                self.assertLessEqual(mail.end, following.start, f"{mail.argv} was waited for")
 
     def judge_files(self, result, outcome):
         kinds = {"qrx-autoresponder-XXXXXX": "copy", "qrx-response-uu-XXXXXX": "response"}

@@ -1,7 +1,6 @@
 """Every allocation of a run, from the start of main to its end, fails once: alone, and together with all later ones.
 
-Of allocations that are made by one and the same chain of calls the first and the last fail here; QRX_SWEEP=full
-has each of them fail. What may follow depends on where the run was, which its statements and its mails tell:
+What may follow depends on where the run was, which its statements and its mails tell:
 
   unnoticed     what the memory was for can be done without: the libraries' own preparations, mostly
   reported      the client library lacked the memory, and the failed statement is reported as any other
@@ -12,7 +11,6 @@ has each of them fail. What may follow depends on where the run was, which its s
                 before it connects, so that only a fault like this one meets them.
 """
 
-import collections
 import dataclasses
 import os
 import pathlib
@@ -40,16 +38,20 @@ FATAL = (rb"(Program failed due to exhausted memory|malloc\(\) failed: Cannot al
 # Whether the reply's file may be there when so many mails have been started.
 RESPONSE = {0: {False}, 1: {False, True}, 2: {True}, 3: {False}, 4: {False}, 5: {False, True}}
 MOST_CLIENT_CRASHES = 2
+FEWEST_ALLOCATIONS = 100
+ARCHIVED = os.environ.get("QRX_ARCHIVED", "1") == "1"
 
 
 class AllocationsFail(SweepTest):
     def setUp(self):
         super().setUp()
         self.need_plain_program()
+        if not ARCHIVED:
+            self.skipTest("a shared client library asks the name service, which doesn't survive exhausted memory")
         self.crashes = 0
 
     def run_failing(self, which=None):
-        """which: as QRX_FAIL_MALLOC has it; without it the paths to all allocations are recorded."""
+        """which: as QRX_FAIL_MALLOC has it; without it all allocations are recorded."""
         RECORD.unlink(missing_ok=True)
         wish = {} if which is None else {"QRX_FAIL_MALLOC": which}
         return self.run_once(env={"LD_PRELOAD": sandbox.FAIL_MALLOC, "QRX_MALLOC_RECORD": str(RECORD), **wish})
@@ -58,9 +60,9 @@ class AllocationsFail(SweepTest):
         """suffix: "" for one allocation alone, "+" for all later ones too."""
         result, self.statements = self.run_failing()
         self.judge(result, self.statements, Outcome(mails=ALL))
-        paths = RECORD.read_text().split()
-        self.assertGreater(len(paths), 100)
-        for number in chosen(paths):
+        made = RECORD.read_text().count("made")
+        self.assertGreater(made, FEWEST_ALLOCATIONS)
+        for number in range(1, made + 1):
             with self.subTest(name, number=number):
                 result, statements = self.run_failing(f"{number}{suffix}")
                 self.assertIn("failed", RECORD.read_text())
@@ -133,16 +135,6 @@ class AllocationsFail(SweepTest):
 
     def test_and_all_later_ones(self):
         self.sweep("+", "all from one allocation on")
-
-
-def chosen(paths):
-    """The numbers of the allocations to fail, given the chain of calls to each."""
-    if os.environ.get("QRX_SWEEP") == "full":
-        return range(1, len(paths) + 1)
-    numbers = collections.defaultdict(list)
-    for number, path in enumerate(paths, 1):
-        numbers[path].append(number)
-    return sorted({number for same in numbers.values() for number in (same[0], same[-1])})
 
 
 def unnoticed():
