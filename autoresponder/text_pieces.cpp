@@ -5,7 +5,7 @@
 namespace {
 
 // Large enough to be memory of its own, which goes back to the system when it is freed.
-constexpr size_t kPieceBytes = 256 * 1024;
+constexpr size_t kPieceBytes = size_t{256} * 1024;
 
 // Appends the lines of `text` to `lines`, whose last one its first one continues. Returns whether
 // another line begins in it.

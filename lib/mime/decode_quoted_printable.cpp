@@ -13,10 +13,10 @@
 
 namespace {
 
-constexpr std::array<signed char, 256> kHexDigits = [] {
-    std::array<signed char, 256> digits{};
+constexpr std::array<short, 256> kHexDigits = [] {
+    std::array<short, 256> digits{};
     digits.fill(-1);
-    for (signed char value = 0; value < 16; ++value) {
+    for (short value = 0; value < 16; ++value) {
         digits[static_cast<unsigned char>("0123456789ABCDEF"[value])] = value;
         digits[static_cast<unsigned char>("0123456789abcdef"[value])] = value;
     }

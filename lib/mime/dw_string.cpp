@@ -14,7 +14,7 @@ namespace {
 // Asks for huge pages (madvise(2)) under a large buffer: half of the time that filling one takes
 // goes into its 4096-byte pages. Where there are none, nothing changes.
 void prefer_huge_pages(void* bytes, size_t size) {
-    constexpr uintptr_t kHugePage = 2 * 1024 * 1024;
+    constexpr uintptr_t kHugePage = uintptr_t{2} << 20;
     const auto address = reinterpret_cast<uintptr_t>(bytes);
     const uintptr_t begin = (address + kHugePage - 1) & ~(kHugePage - 1);
     const uintptr_t end = (address + size) & ~(kHugePage - 1);
