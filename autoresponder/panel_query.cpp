@@ -1,6 +1,7 @@
 #include "autoresponder/panel_query.h"
 
 #include "autoresponder/report.h"
+#include "lib/db/shut_connection.h"
 
 #include <mysqld_error.h>
 #include <unistd.h>
