@@ -14,8 +14,8 @@ constexpr int kMostAttempts = 10;
 // Lets the others finish, each process for another time, and longer from one attempt to the next:
 // milliseconds. Not rand(3), whose numbers are those of the boundaries.
 void make_way(int attempt) {
-    constexpr int kOthers = 16;
-    usleep(static_cast<useconds_t>(1000 * attempt * (1 + getpid() % kOthers)));
+    constexpr int kDifferentTimes = 16;
+    usleep(static_cast<useconds_t>(1000 * attempt * (1 + getpid() % kDifferentTimes)));
 }
 
 [[noreturn]] void exit_failed(MYSQL* connection, const char* message) {

@@ -5,7 +5,7 @@
 // A statement that the server gives up because it and others wait for each other's rows hasn't
 // failed: nothing of it was done, and the server asks to have it again ("Deadlock found when trying
 // to get lock; try restarting transaction", see "InnoDB Deadlocks" in the MariaDB documentation).
-// It is sent up to ten times.
+// It is sent up to ten times, with nine pauses between that come to 0.72 seconds at most.
 
 #include "lib/db/mysql_handles.h"
 
