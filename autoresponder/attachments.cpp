@@ -21,8 +21,9 @@ namespace {
 
 constexpr size_t kBytesPerLine = 45;
 constexpr size_t kCharsPerLine = kBytesPerLine / 3 * 4;
-// As many as ResponseFile hands on without keeping them.
+// Enough for ResponseFile not to keep a copy of them.
 constexpr size_t kLinesPerBlock = 1088;
+static_assert(kLinesPerBlock * (kCharsPerLine + 1) >= ResponseFile::kBlockBytes);
 
 bool exists(const std::string& path) {
     struct stat status {};

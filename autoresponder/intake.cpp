@@ -60,8 +60,15 @@ std::string address_of(const DwMailbox& mailbox) {
     return address.append("@").append(up_to_nul(view(mailbox.Domain())));
 }
 
-DwString raw_subject_of(DwHeaders& headers) {
-    return headers.HasSubject() ? headers.Subject().AsString() : DwString();
+// A view would keep the whole message's text in memory: of one that is shorter than the body there
+// is a copy instead.
+DwString raw_subject_of(DwMessage& message) {
+    if (!message.Headers().HasSubject())
+        return DwString();
+    const DwString& subject = message.Headers().Subject().AsString();
+    if (subject.length() >= message.Body().AsString().length())
+        return subject;
+    return DwString(subject.data(), subject.length());
 }
 
 std::string raw_date_of(DwHeaders& headers) {
@@ -191,7 +198,7 @@ int parse_message(Mail_content* content) {
     content->recipient = recipient;
     split_recipient(content);
 
-    DwString raw_subject = raw_subject_of(message->Headers());
+    DwString raw_subject = raw_subject_of(*message);
     content->date = raw_date_of(message->Headers());
     TextPart text = choose_text(*message);
     // Of a large message's forms each goes as soon as the next one is made.

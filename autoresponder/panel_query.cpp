@@ -1,6 +1,7 @@
 #include "autoresponder/panel_query.h"
 
 #include "autoresponder/report.h"
+#include "lib/db/shut_connection.h"
 
 namespace {
 
@@ -21,7 +22,7 @@ MysqlResult store_query(MYSQL* connection, const std::string& query) {
     if (!send_statement(connection, query))
         return nullptr;
     MysqlResult result(mysql_store_result(connection));
-    if (!result && mysql_field_count(connection) != 0) // else the statement has none to give
+    if (!result && mysql_errno(connection) != 0) // else the statement has none to give
         shut_unless_refused(connection);
     return result;
 }

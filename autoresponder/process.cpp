@@ -14,8 +14,6 @@
 
 namespace {
 
-constexpr int kOwnMemoryBytes = 128 * 1024;
-
 // open(2) gives the lowest free number, so going upwards each hole is filled by its own call.
 void fill_standard_descriptors() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
@@ -56,7 +54,7 @@ void forget_callers_environment() {
 void prepare_process() {
     fill_standard_descriptors();
     // Left to itself, malloc(3) would keep large blocks once it has seen one freed; mallopt(3).
-    mallopt(M_MMAP_THRESHOLD, kOwnMemoryBytes);
+    mallopt(M_MMAP_THRESHOLD, static_cast<int>(kOwnMemoryBytes));
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
     if (getauxval(AT_SECURE) != 0) {

@@ -2,13 +2,19 @@
 
 // The process's own state: what it must not take over from whoever started it.
 
+#include <cstddef>
+
+// Blocks of memory of so many bytes and more go back to the system when they are freed.
+inline constexpr size_t kOwnMemoryBytes = size_t{128} * 1024;
+
 // Before anything is read or opened:
 //
 // - Opens /dev/null (in a root folder without one, the root folder) on every standard descriptor
-//   that came closed, so that no file of ours ever takes its number.
+//   that came closed, so that no file of ours takes its number, as far as a descriptor can be had:
+//   where there is none the run goes on, since the message matters more.
 // - Ignores SIGPIPE and SIGXFSZ, so that neither a sendmail that stops reading nor a limit on file
 //   sizes ends the run (children get both back at their defaults).
-// - Has freed blocks of memory of 128 KiB and more go back to the system.
+// - Has freed blocks of memory of kOwnMemoryBytes and more go back to the system.
 // - In a process with more rights than its caller (getauxval(3), AT_SECURE) leaves of the
 //   environment RESP_RECIPIENT alone, sets PATH to the system's own, and the file mode mask to 022.
 //   Both go to the children too, which run as root and are no longer seen to be started by somebody

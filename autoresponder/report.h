@@ -5,7 +5,8 @@
 #include <string>
 #include <string_view>
 
-// Writes `line` and a line feed to standard error in one write. Takes no memory.
+// Writes `line` and a line feed to standard error in one write. Takes no memory. What doesn't
+// go out with it is lost.
 void report(std::string_view line);
 
 // "TEXT (NUMBER)" for an errno value: strerror(3)'s text and the number.

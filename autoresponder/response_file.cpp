@@ -4,7 +4,6 @@
 #include "autoresponder/temporary_file.h"
 #include "lib/util/write_all.h"
 
-#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -12,8 +11,6 @@
 #include <unistd.h>
 
 namespace {
-
-constexpr size_t kBlockBytes = 65536;
 
 // For a name that is taken by what can't be removed, such as the last reply on a disk that has
 // become read-only: that must not be sent in place of this one.

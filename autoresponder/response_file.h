@@ -4,6 +4,7 @@
 
 #include "lib/util/unique_fd.h"
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -15,13 +16,17 @@
 // delivery tells about a file that isn't there.
 class ResponseFile {
 public:
+    // A text of so many bytes or more is not kept.
+    static constexpr size_t kBlockBytes = 65536;
+
     // Completes the name in place (mkstemp(3)) where that hasn't been done in this run.
     ResponseFile();
 
     // Makes the file ready to be written from its beginning; creates it where it isn't there.
     void open();
 
-    // Appends `text`: a large one reaches the file at once, smaller ones together or at flush().
+    // Appends `text`: one of kBlockBytes reaches the file at once, smaller ones together or at
+    // flush().
     void write(std::string_view text);
     void flush();
 

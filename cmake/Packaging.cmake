@@ -74,9 +74,13 @@ that has a sendmail command, such as qmail, Postfix and Exim.]])
 if(QRX_CLIENT STREQUAL "static")
     execute_process(
         COMMAND dpkg-query -W -f "\${source:Package} (= \${source:Version}), " libidn-dev libmariadb-dev
-        OUTPUT_VARIABLE built_using)
-    string(REGEX REPLACE ", $" "" built_using "${built_using}")
-    string(APPEND CPACK_DEBIAN_PROGRAM_PACKAGE_SECTION "\nBuilt-Using: ${built_using}")
+        OUTPUT_VARIABLE built_using RESULT_VARIABLE failure)
+    if(failure)
+        message(WARNING "A package of this build would lack its field Built-Using: dpkg-query: ${failure}")
+    else()
+        string(REGEX REPLACE ", $" "" built_using "${built_using}")
+        string(APPEND CPACK_DEBIAN_PROGRAM_PACKAGE_SECTION "\nBuilt-Using: ${built_using}")
+    endif()
     install(FILES packaging/autoresponder.lintian-overrides RENAME autoresponder
         DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides"
         COMPONENT program EXCLUDE_FROM_ALL)

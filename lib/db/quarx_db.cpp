@@ -1,6 +1,7 @@
 #include "lib/db/quarx_db.h"
 
 #include "lib/db/mysql_handles.h"
+#include "lib/db/shut_connection.h"
 #include "lib/util/messlog.h"
 #include "lib/util/owners.h"
 
@@ -8,7 +9,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <errmsg.h>
 
 // Weak, because only the client's archive has it: the shared library keeps it to itself.
 extern "C" [[gnu::weak]] unsigned int mysql_port; // NOLINT(readability-redundant-declaration)
@@ -83,20 +83,7 @@ MYSQL* close_if_failed(MYSQL* connection) {
     return owner != nullptr && mysql_errno(connection) == 0 ? owner.release() : nullptr;
 }
 
-// Errors of the server lie outside of the client library's ranges: errmsg.h.
-bool is_refusal(unsigned error) {
-    const bool of_client = (error >= CR_MIN_ERROR && error <= CR_MAX_ERROR) ||
-                           (error >= CER_MIN_ERROR && error <= CER_MAX_ERROR);
-    return error != 0 && !of_client;
-}
-
 } // namespace
-
-void shut_unless_refused(MYSQL* connection) {
-    const ErrnoKeeper keeper;
-    if (!is_refusal(mysql_errno(connection)))
-        mariadb_cancel(connection);
-}
 
 void quarx_db_start_client() {
     // The server's TCP port, which nothing here uses. While it is 0, the start looks it up in the

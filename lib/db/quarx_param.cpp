@@ -1,6 +1,7 @@
 #include "lib/db/quarx_db.h"
 
 #include "lib/db/mysql_handles.h"
+#include "lib/db/shut_connection.h"
 #include "lib/util/messlog.h"
 #include "lib/util/owners.h"
 #include "lib/util/safe.h"

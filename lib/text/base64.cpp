@@ -1,7 +1,6 @@
 #include "base64.h"
 
 #include <array>
-#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -39,9 +38,8 @@ void write_characters(std::uint32_t group, char* out) {
 
 // Four bytes as one number, the first the highest.
 std::uint32_t read_number(const unsigned char* bytes) {
-    std::uint32_t number;
-    std::memcpy(&number, bytes, sizeof number);
-    return std::endian::native == std::endian::little ? __builtin_bswap32(number) : number;
+    return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 |
+           std::uint32_t{bytes[2]} << 8 | bytes[3];
 }
 
 // Six bytes as 8 characters. All are read before the first is written.

@@ -2,8 +2,8 @@
 //
 // All functions take and give byte strings; NUL bytes are ordinary bytes, except in charset names,
 // which iconv_open(3) reads up to their first NUL. Malformed input is expected, never fatal by
-// itself: it is named on std::cerr, one line each, and decoding goes on. Time and memory are linear
-// in the input, whatever it holds.
+// itself: it is named on standard error (complaints.h), one line each, and decoding goes on. Time
+// and memory are linear in the input, whatever it holds.
 //
 // Public sources: iconv_open(3), iconv(3), iconv_close(3) of the GNU C library; encoded words as in
 // RFC 1522 (now RFC 2047) sections 2 and 4; the base64 alphabet of RFC 4648 section 4.
@@ -34,7 +34,7 @@ void iconvRecode(std::string_view text, const std::string& from, const std::stri
                  bool skipInvalid, const std::function<void(std::string_view piece)>& take);
 
 // The bytes of base64 `text`, read in groups of four symbols up to the first "=". White space is
-// skipped; any other byte outside the alphabet is named on std::cerr and skipped. A short last
+// skipped; any other byte outside the alphabet is named on standard error and skipped. A short last
 // group gives 1, 2 or 3 bytes for 1-2, 3 or 4 and more bytes stepped over, skipped ones included;
 // this is meant, so a line break behind the last whole group gives one more zero byte.
 std::string base64_decode(const std::string& text);
@@ -42,8 +42,8 @@ std::string base64_decode(const std::string& text);
 namespace rfc1522 {
 
 // Header `text` with its encoded words decoded to UTF-8. Blanks between two adjacent encoded words
-// are dropped, all others kept; a malformed encoded word stays as it is and is named on std::cerr.
-// Throws std::runtime_error as iconvRecode does, for the charset a word names. Throws
+// are dropped, all others kept; a malformed encoded word stays as it is and is named on standard
+// error. Throws std::runtime_error as iconvRecode does, for the charset a word names. Throws
 // std::out_of_range when `text` ends in "?=" and blanks; this is meant.
 std::string decode(std::string text);
 

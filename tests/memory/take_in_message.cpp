@@ -30,7 +30,7 @@ struct Shape {
 };
 
 std::string text_header(const std::string& encoding, const std::string& charset = "utf-8") {
-    return "From: a@b\nContent-Type: text/plain; charset=" + charset +
+    return "From: a@b\nSubject: s\nContent-Type: text/plain; charset=" + charset +
            "\nContent-Transfer-Encoding: " + encoding + "\n\n";
 }
 

@@ -51,6 +51,7 @@ TEST_F(PanelQuery, RefusedStatementLeavesTheConnectionUsable) {
 }
 
 TEST_F(PanelQuery, StatementWithoutAResultLeavesTheConnectionUsable) {
+    EXPECT_TRUE(store_query(connection(), "select 1"));
     EXPECT_FALSE(store_query(connection(), "do 1"));
     EXPECT_TRUE(store_query(connection(), "select 1"));
 }

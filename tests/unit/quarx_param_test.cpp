@@ -152,6 +152,7 @@ TEST_F(QuarxParam, a_column_that_the_result_lacks_is_empty) {
 }
 
 TEST_F(QuarxParam, a_statement_without_rows_is_empty) {
+    EXPECT_EQ(shown(get_param_query("select 'a', 'b'", conn())), "'a'");
     EXPECT_EQ(shown(get_param_query("set @a = 1", conn())), "''");
 }
 
