@@ -1,7 +1,6 @@
 """Many runs at once against one server: a short form of script/soak, and the checks that it rests on."""
 
 import collections
-import time
 
 import crowd
 import crowd_rules
@@ -10,7 +9,7 @@ import database
 import soak
 from crowd import Run
 from harness import SystemTest
-from program_run import TemporaryFile
+from program_run import TemporaryFile, wait_until
 from spool import Mail
 
 SEED = 20250602
@@ -79,19 +78,14 @@ class Deadlocks(SystemTest):
         other.execute("insert into misc (param) select concat('x', seq) from seq_1_to_100")
         other.execute(f"select id from resp_freq where id={second} for update")
         run = self.start()
-        self.wait_until_it_waits()
+        wait_until("a statement of the program that waits", lambda: self.sql(
+            "show global status like 'Innodb_row_lock_current_waits'")[0][1] != b"0")
         other.execute(f"select id from resp_freq where id={first} for update")
         other.execute("commit")
         result = run.finish()
         self.assert_ended(result)
         self.assertEqual(len(result.mails), 1)
         self.assertEqual(self.sql("show global status like 'Innodb_deadlocks'")[0][1], b"1")
-
-    def wait_until_it_waits(self):
-        deadline = time.monotonic() + 30
-        while self.sql("show global status like 'Innodb_row_lock_current_waits'")[0][1] == b"0":
-            self.assertLess(time.monotonic(), deadline, "the program's statement doesn't wait")
-            time.sleep(0.005)
 
     def test_one_that_is_given_up_ever_again_fails_at_the_tenth_time(self):
         self.sql("create table tries (n int) engine=Aria transactional=0")
