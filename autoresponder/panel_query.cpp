@@ -2,20 +2,7 @@
 
 #include "autoresponder/report.h"
 
-#include <mysqld_error.h>
-#include <unistd.h>
-
 namespace {
-
-// How often a statement is sent at most.
-constexpr int kMostAttempts = 10;
-
-// Lets the others finish, each process for another time, and longer from one attempt to the next:
-// milliseconds. Not rand(3), whose numbers are those of the boundaries.
-void make_way(int attempt) {
-    constexpr int kOthers = 16;
-    usleep(static_cast<useconds_t>(1000 * attempt * (1 + getpid() % kOthers)));
-}
 
 [[noreturn]] void exit_failed(MYSQL* connection, const char* message) {
     report_and_exit(message, mysql_error(connection));
@@ -24,13 +11,8 @@ void make_way(int attempt) {
 } // namespace
 
 bool send_statement(MYSQL* connection, const std::string& statement) {
-    for (int attempt = 1;; ++attempt) {
-        if (mysql_real_query(connection, statement.data(), statement.size()) == 0)
-            return true;
-        if (mysql_errno(connection) != ER_LOCK_DEADLOCK || attempt == kMostAttempts)
-            break;
-        make_way(attempt);
-    }
+    if (mysql_real_query(connection, statement.data(), statement.size()) == 0)
+        return true;
     shut_unless_refused(connection);
     return false;
 }

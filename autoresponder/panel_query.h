@@ -1,11 +1,6 @@
 #pragma once
 
 // Statements to the panel database. The ordinary failure of one ends the run.
-//
-// A statement that the server gives up because it and others wait for each other's rows hasn't
-// failed: nothing of it was done, and the server asks to have it again ("Deadlock found when trying
-// to get lock; try restarting transaction", see "InnoDB Deadlocks" in the MariaDB documentation).
-// It is sent up to ten times.
 
 #include "lib/db/mysql_handles.h"
 

@@ -106,7 +106,7 @@ std::vector<std::string> header_lines(const Responder& responder, bool is_multip
 
 void expect_header(const std::string& reply, const std::vector<std::string>& wanted) {
     std::vector<std::string> lines;
-    for (std::size_t at = 0; reply.compare(at, 1, "\n") != 0;) {
+    for (std::size_t at = 0; at < reply.size() && reply[at] != '\n';) {
         const std::size_t end = std::min(reply.find('\n', at), reply.size());
         const std::string line = reply.substr(at, end - at);
         lines.push_back(line.starts_with("Subject: ") ? "Subject: " : line);

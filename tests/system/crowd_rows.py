@@ -154,12 +154,7 @@ def _answer(key, following):
 
 
 def _statements(entries):
-    """One connection's entries, its end too, as statements with the times they lie between.
-
-    What stands there twice running is one statement: the server gave the first up as a deadlock's victim.
-    """
-    entries = [entry for entry, following in itertools.zip_longest(entries, entries[1:])
-               if following is None or entry[1:] != following[1:]]
+    """One connection's entries, its end too, as statements with the times they lie between."""
     ends = [time for time, _, _ in entries[1:]] + [math.inf]
     return [_statement(start, end, text) for (start, _, text), end in zip(entries, ends)]
 

@@ -25,6 +25,9 @@ _NO_PARAMETER = re.compile(rb"autoresponder: Unable to query parameter by query 
                            rb" param='(admin_email|FullHostName)': " + _GOING_DOWN + rb"\n(\n" + _SYSTEM_ERROR
                            + rb")?")
 
+DEADLOCK = b"Deadlock found when trying to get lock; try restarting transaction"
+_DEADLOCKED = b"autoresponder: Unable to exec query :" + DEADLOCK + b"\n"
+
 FULL = re.compile(_REFUSAL % (rb"(Too many connections|" + _NO_SOCKET + rb")"))
 DOWN = re.compile(_REFUSAL % (rb"(" + _NO_SOCKET + rb"|" + _GOING_DOWN + rb")") + rb"|" + _HALF_MADE)
 
@@ -42,9 +45,14 @@ def how_it_ended(run, unconnected=None, may_lose_connection=False):
         return "answered"
     if unconnected and unconnected.fullmatch(run.stdout) and run.stderr == run.stdout + _NOT_CONNECTED:
         return "unconnected"
-    if may_lose_connection and _is_lost_connection(run):
+    if is_deadlocked(run) or (may_lose_connection and _is_lost_connection(run)):
         return "failed query"
     return None
+
+
+def is_deadlocked(run):
+    """Whether it ended because the server gave its statement up for another run's."""
+    return run.stdout == b"" and run.stderr == _DEADLOCKED
 
 
 def _is_lost_connection(run):

@@ -30,6 +30,7 @@ SANITIZED = os.environ.get("QRX_PRESET") == "asan" or os.environ.get("QRX_SANITI
 COVERAGE = os.environ.get("QRX_PRESET") == "coverage" or os.environ.get("QRX_COVERAGE") == "1"
 # Whether memcheck watches each run that is the program's own: strace, limits, other users and names need it bare.
 WATCHED = os.environ.get("QRX_VALGRIND") == "1"
+_HERE = pathlib.Path(__file__).resolve().parent
 _TMP = pathlib.Path("/tmp")
 _RUNS = pathlib.Path("/sandbox/runs")
 
@@ -140,7 +141,8 @@ class Running:
 
     def _memcheck(self):
         return ["valgrind", "--quiet", "--leak-check=full", "--show-leak-kinds=definite",
-                "--errors-for-leak-kinds=definite", "--child-silent-after-fork=yes",
+                "--errors-for-leak-kinds=definite", f"--suppressions={_HERE / 'memcheck.supp'}",
+                "--child-silent-after-fork=yes",
                 f"--log-file={self._folder / 'memcheck'}"]
 
     def _left_behind(self):

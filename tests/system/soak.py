@@ -76,7 +76,8 @@ class Soak:
         for run, responder in itertools.product(unlogged, responders):
             if run.mailbox == responder.mailbox:
                 history.add_unlogged(responder.id, run.sender, run.started, responder.limit)
-        broken_off = [run for run in crowds.runs if run.killed or (may_lose_connection and run.stderr)]
+        broken_off = [run for run in crowds.runs
+                      if run.killed or crowd_rules.is_deadlocked(run) or (may_lose_connection and run.stderr)]
         broken += self._broken_rows(history, responders) + crowd_rules.wrong_counts(
             history.counted(), mails.replies, broken_off, unlogged)
         forgetful = _forgetful(responders)
@@ -87,8 +88,12 @@ class Soak:
         return Outcome(name, dict(zip(_TABLE, figures)), broken)
 
     def _furnish(self, connections):
-        """An empty panel with the crowd's mailboxes, and the server ready to tell all."""
-        self._options = [f"--max-connections={connections}", "--general-log", "--log-output=TABLE",
+        """An empty panel with the crowd's mailboxes, and the server ready to tell all.
+
+        With the default isolation level one in seventy runs would end as a deadlock's victim: a statement that
+        deletes locks the gaps that others insert into. With this one it is one in thousands.
+        """
+        self._options = ["--transaction-isolation=READ-COMMITTED", f"--max-connections={connections}", "--general-log", "--log-output=TABLE",
                          f"--default-time-zone={_zone_of_a_young_day()}"]
         self._panel.disconnect()
         server.stop()

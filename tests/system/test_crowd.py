@@ -14,7 +14,6 @@ from spool import Mail
 
 SEED = 20250602
 RUNS = 128
-DEADLOCK = b"Deadlock found when trying to get lock; try restarting transaction"
 
 
 class Crowds(SystemTest):
@@ -33,7 +32,7 @@ class Crowds(SystemTest):
     def test_all_are_answered_as_the_limits_allow(self):
         outcome = self.soak.calm()
         self.assert_kept_the_rules(outcome)
-        self.assertEqual(outcome.table["answered"], RUNS)
+        self.assertEqual(outcome.table["answered"] + outcome.table["failed query"], RUNS)
         self.assertGreater(outcome.table["held back"], 0)
         self.assertEqual(outcome.table["left in /tmp"], 0)
 
@@ -67,7 +66,7 @@ class Deadlocks(SystemTest):
         super().setUp()
         self.responder = self.furnish()
 
-    def test_the_one_that_the_server_gives_up_is_sent_again(self):
+    def test_a_run_whose_statement_is_given_up_ends_with_the_reason(self):
         for number in range(3):
             self.panel.answered(self.responder, f"sender{number}@other.example")
         first, second, *_ = (row[0].decode() for row in self.sql("select id from resp_freq order by id"))
@@ -83,28 +82,9 @@ class Deadlocks(SystemTest):
         other.execute(f"select id from resp_freq where id={first} for update")
         other.execute("commit")
         result = run.finish()
-        self.assert_ended(result)
-        self.assertEqual(len(result.mails), 1)
-        self.assertEqual(self.sql("show global status like 'Innodb_deadlocks'")[0][1], b"1")
-
-    def test_one_that_is_given_up_ever_again_fails_at_the_tenth_time(self):
-        self.sql("create table tries (n int) engine=Aria transactional=0")
-        self.sql("create trigger deadlocked before insert on resp_freq for each row begin"
-                 " insert into tries values (1);"
-                 f" signal sqlstate '40001' set mysql_errno=1213, message_text='{DEADLOCK.decode()}'; end")
-        result = self.run_program()
-        self.assert_ended(result, stderr=b"autoresponder: Unable to exec query :" + DEADLOCK + b"\n")
+        self.assert_ended(result, stderr=b"autoresponder: Unable to exec query :" + crowd_rules.DEADLOCK + b"\n")
         self.assert_nothing_sent(result)
         self.assert_nothing_left(result)
-        self.assertEqual(self.sql("select count(*) from tries"), [(b"10",)])
-
-    def test_other_failures_are_final(self):
-        self.sql("create table tries (n int) engine=Aria transactional=0")
-        self.sql("create trigger refused before insert on resp_freq for each row begin"
-                 " insert into tries values (1); signal sqlstate '45000' set message_text='no'; end")
-        result = self.run_program()
-        self.assert_ended(result, stderr=b"autoresponder: Unable to exec query :no\n")
-        self.assertEqual(self.sql("select count(*) from tries"), [(b"1",)])
 
 
 def look(responder=1, sender="a@b"):
@@ -179,11 +159,6 @@ class Rows(SystemTest):
     def test_of_a_connection_that_breaks_off_nothing_is_sure(self):
         self.assertEqual(wrong(((1, look()), (2, insert())), ((4, look()), (5, insert()), (6, None))), 0)
         self.assertEqual(wrong(self.FIRST, ((4, look()),)), 0)
-
-    def test_a_statement_that_was_sent_again_is_one(self):
-        again = history(((1, look()), (2, insert()), (3, insert()), (4, None)))
-        self.assertEqual(again.counted(), {(1, "a@b"): 1})
-        self.assertEqual(again.wrong_rows([(1, "a@b", 1)], {1: 2}), [])
 
     def test_what_a_server_that_went_down_did_not_log(self):
         later = ((7, look()), (8, update(1)), (9, None))

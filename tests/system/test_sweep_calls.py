@@ -3,7 +3,8 @@
 Calls before main are the loader's. A failing call isn't carried out, except close(2), which always frees the
 descriptor and only then reports an error; it fails in test_sweep_closes. strace(1) counts the calls of each
 process by itself, so what a child does before it is sendmail fails in every child alike. Not made to fail here:
-calls that the kernel has no error for, such as getpid(2), and brk(2), whose failure is no error but the old break;
+calls that the kernel has no error for, such as getpid(2) and geteuid(2), futex(2), with which a program of one thread
+waits for nobody, and brk(2), whose failure is no error but the old break;
 what follows when memory runs out is in test_sweep_memory and test_faults_memory.
 """
 
@@ -122,6 +123,12 @@ class CallsFail(SweepTest):
 
     def test_setgid(self):
         self.sweep("setgid", errno.EPERM)
+
+    def test_prctl(self):
+        self.sweep("prctl", errno.EINVAL)
+
+    def test_clock_nanosleep(self):
+        self.sweep("clock_nanosleep", errno.EINTR, missable=True)
 
     def test_rt_sigaction(self):
         self.sweep("rt_sigaction", errno.EINVAL)

@@ -7,8 +7,8 @@ What may follow depends on where the run was, which its statements and its mails
   status 1      in the responder loop, where exhausted memory is caught
   aborted       elsewhere an exception that nothing catches
   client crash  in the client library's log-in, two allocations of which (10.11) aren't checked: the copy of the
-                server's version and that of the schema's name. The program sees to it that there is memory
-                before it connects, so that only a fault like this one meets them.
+                server's version and that of the schema's name; a third meets all allocations failing from one on. The
+                program sees to it that there is memory before it connects, so that only faults like these meet them.
 """
 
 import dataclasses
