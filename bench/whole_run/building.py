@@ -2,16 +2,13 @@
 
 import pathlib
 import subprocess
+import sys
 
 CHECKOUT = pathlib.Path(__file__).resolve().parents[2]
-_TARGETS = ["autoresponder", "recording_sendmail", "floor", "stopwatch", "sink"]
 
 
-def build():
-    if not (CHECKOUT / "build/release/build.ninja").exists():
-        _run("cmake", "--preset", "release")
-    _run("cmake", "--build", "--preset", "release", "--target", *_TARGETS)
-
-
-def _run(*command):
-    subprocess.run(command, cwd=CHECKOUT, check=True, stdout=subprocess.DEVNULL)
+def build(*targets):
+    """Ends the process where they can't be built; script/setup has said why then."""
+    setup = subprocess.run([CHECKOUT / "script/setup", *(f"release:{target}" for target in targets)], check=False)
+    if setup.returncode != 0:
+        sys.exit(setup.returncode)

@@ -1,10 +1,10 @@
 """Makes sure that the programs to compare do the same: the same statements and the same mails, to the byte."""
 
 import subprocess
-import time
 
 import sandbox
 import spool
+from program_run import wait_until
 from scenarios import RECIPIENT
 
 
@@ -36,20 +36,16 @@ def _work(panel, scenario, command):
                               env={"RESP_RECIPIENT": RECIPIENT})
     if done.returncode != 0 or done.stderr or done.stdout:
         raise Different(f"{command}: status {done.returncode}, {done.stderr + done.stdout}")
-    _await_quit(panel)
+    wait_until("the end of the program's connection", lambda: _has_quit(panel))
     panel.sql("set global general_log=0")
     events = panel.sql("select command_type, argument from mysql.general_log"
                        " where thread_id <> connection_id()")
     return events, [(mail.argv, mail.stdin) for mail in spool.mails()]
 
 
-def _await_quit(panel):
+def _has_quit(panel):
     """The server notices the end of a connection a little after the program."""
-    for _ in range(1000):
-        if panel.sql("select count(*) from mysql.general_log where command_type = 'Quit'") != [(b"0",)]:
-            return
-        time.sleep(0.002)
-    raise Different("the server still has the program's connection")
+    return panel.sql("select count(*) from mysql.general_log where command_type = 'Quit'") != [(b"0",)]
 
 
 def _short(work):

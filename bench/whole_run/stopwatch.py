@@ -10,6 +10,7 @@ import sandbox
 from scenarios import RECIPIENT
 
 PROGRAMS = pathlib.Path(__file__).resolve().parents[2] / "build/release/bench/whole_run"
+TARGETS = ("autoresponder", "recording_sendmail", "floor", "stopwatch", "sink")  # what measuring takes
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "RESP_RECIPIENT": RECIPIENT}
 
 

@@ -168,11 +168,8 @@ class Crowd:
 
     def _await_orphans(self, others):
         """A sendmail whose program was killed goes on by itself."""
-        deadline = time.monotonic() + _PATIENCE_SECONDS
-        while left := program_run.process_ids() - others:
-            if time.monotonic() > deadline:
-                raise AssertionError(f"processes that don't end: {sorted(left)}")
-            time.sleep(0.01)
+        program_run.wait_until("the end of all processes", lambda: not program_run.process_ids() - others,
+                               _PATIENCE_SECONDS)
 
 
 def _ended_child():

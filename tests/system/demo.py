@@ -3,15 +3,18 @@
 --sample              answers the sample message
 --message RECIPIENT   answers the message on standard input
 --shell               furnishes the panel and starts a shell
---answer FILE RECIPIENT, --mails   what the shell's commands `answer` and `mails` do
+--answer [FILE [RECIPIENT]], --mails, --help   what the shell's commands `answer`, `mails` and `help` do
 """
 
+import collections
 import email
+import email.errors
 import email.header
 import os
 import pathlib
 import re
 import shlex
+import signal
 import sys
 import textwrap
 
@@ -49,17 +52,22 @@ db [SQL]                   the panel's database
 autoresponder              the program itself: the message on standard
                            input, the address in RESP_RECIPIENT
 {SAMPLE}        the sample message
+help                       this list
 exit                       leave; everything in here is gone then"""
 SHELL_FILE = f"""\
 PS1='sandbox:\\w\\$ '
 unset HISTFILE
 export PATH=/sandbox:$PATH MYSQL_HISTFILE=/dev/null RESP_RECIPIENT={RECIPIENT}
 demo() {{ /usr/bin/python3 -B '{pathlib.Path(__file__).resolve()}' "$@"; }}
-answer() {{ demo --answer "${{1:-{SAMPLE}}}" "${{2:-{RECIPIENT}}}"; }}
+answer() {{ demo --answer "$@"; }}
 mails() {{ demo --mails; }}
+help() {{ demo --help; }}
 db() {{ mariadb --no-defaults -uadmin -p{sandbox.ADMIN_PASSWORD} qrx ${{1:+-t -e "$1"}}; }}
 cd /sandbox
 """
+REPLY, FORWARD, NOTICE = "a reply", "the message, forwarded", "the client is told of a missing file"
+COUNTED = {REPLY: ("reply", "replies"), FORWARD: ("forward", "forwards"),
+           NOTICE: ("notice to the client", "notices to the client")}
 
 
 def furnish(panel):
@@ -107,21 +115,31 @@ def answer(panel, message, recipient):
     if not result.mails:
         heading("No mail was sent")
     heading("Replies counted today, by responder and sender")
-    rows = panel.sql("select rn_id, email, num, time_resp from resp_freq order by id")
-    show("\n".join(f"{text(rn_id)}  {text(sender)}  {text(number)}  since {text(since)}"
-                   for rn_id, sender, number, since in rows) or "none")
+    rows = panel.sql("select (select count(*) from mail_resp where mail_resp.id <= rn_id), rn_id, email, num,"
+                     " time_resp from resp_freq order by id")
+    show("\n".join(f"{text(place)} (id {text(rn_id)})  {text(sender)}  {text(number)}  since {text(since)}"
+                   for place, rn_id, sender, number, since in rows) or "none")
     heading("Standard error")
     show(text(result.stderr).rstrip("\n") or "nothing")
     ended = f"status {result.status}" if result.signal is None else f"signal {result.signal}"
     heading(f"It took {result.duration * 1000:.1f} ms and ended with {ended}")
+    show(summary(collections.Counter(kind(mail, message) for mail in result.mails)))
 
 
 def kind(mail, message):
     if mail.stdin.strip() == message.strip():
-        return "the message, forwarded"
+        return FORWARD
     if b"\nSubject: qrx notification" in mail.stdin:
-        return "the client is told of a missing file"
-    return "a reply"
+        return NOTICE
+    return REPLY
+
+
+def summary(kinds):
+    """How many mails of each kind, as "2 mails: 1 reply, 1 forward"."""
+    def counted(count, one, many):
+        return f"{count} {one if count == 1 else many}"
+    parts = [counted(kinds[each], *names) for each, names in COUNTED.items() if kinds[each]]
+    return counted(kinds.total(), "mail", "mails") + (f": {', '.join(parts)}" if parts else "")
 
 
 def show_all_mails():
@@ -184,19 +202,26 @@ def show(block):
 
 def show_sent(mail):
     """A call of sendmail: its arguments, and the mail that it was given."""
-    show("\n".join(textwrap.wrap(shlex.join(mail.argv), WIDTH - 2, subsequent_indent="    ",
+    show("\n".join(textwrap.wrap(shlex.join(mail.argv), WIDTH - 2, initial_indent="$ ", subsequent_indent="    ",
                                  break_long_words=False, break_on_hyphens=False)))
     print()
     show_mail(mail.stdin)
+    if b"." in mail.stdin.splitlines():
+        show("[a line of one dot: a real sendmail may end the mail there]")
 
 
 def show_mail(data):
     """The header block as it stands, each text decoded, each attachment by its name and size."""
-    show(short_header(text(data.replace(b"\r\n", b"\n").partition(b"\n\n")[0])))
+    header, _, body = data.replace(b"\r\n", b"\n").partition(b"\n\n")
+    show(short_header(text(header)))
     mail = email.message_from_bytes(data)
     subject = str(mail["Subject"] or "")
     if decoded_word(subject) != subject:
         show(f"[the subject reads: {decoded_word(subject)}]")
+    if any(isinstance(defect, email.errors.MissingHeaderBodySeparatorDefect) for defect in mail.defects):
+        print()
+        show(text(body).rstrip("\n") or "[no blank line]")
+        return  # what stands above the blank line would be shown again as text
     for part in mail.walk():
         if part.is_multipart():
             continue
@@ -226,24 +251,42 @@ def decoded_word(value):
                    for piece, charset in email.header.decode_header(value))
 
 
+def answer_file(panel, file=SAMPLE, recipient=RECIPIENT, *more):
+    """The shell's command `answer`."""
+    if more:
+        sys.exit(f"answer: one file and one recipient, not also {more[0]}")
+    try:
+        message = pathlib.Path(file).read_bytes()
+    except OSError as error:
+        sys.exit(f"answer: {file}: {error.strerror}")
+    if "@" not in recipient:
+        sys.exit(f"answer: {recipient} is no address: it has no @")
+    answer(panel, message, recipient)
+
+
 def main(arguments):
     panel = Panel()
-    if arguments[0] == "--shell":
-        shell(panel)
-    elif arguments[0] == "--mails":
-        show_all_mails()
-    elif arguments[0] == "--answer":
-        answer(panel, pathlib.Path(arguments[1]).read_bytes(), arguments[2])
-    else:
-        furnish(panel)
-        describe_panel()
-        if arguments[0] == "--sample":
+    match arguments:
+        case ["--shell"]:
+            shell(panel)
+        case ["--mails"]:
+            show_all_mails()
+        case ["--help"]:
+            show(COMMANDS)
+        case ["--answer", *rest]:
+            answer_file(panel, *rest)
+        case ["--message", recipient]:
+            furnish(panel)
+            describe_panel()
+            answer(panel, sys.stdin.buffer.read(), recipient)
+        case ["--sample"]:
+            furnish(panel)
+            describe_panel()
             answer(panel, MESSAGE.encode(), RECIPIENT)
-        else:
-            answer(panel, sys.stdin.buffer.read(), arguments[1])
-        print("\nGo on: script/demo FILE.eml [RECIPIENT] answers a message of yours,\n"
-              "       script/demo --shell lets you look around.")
+            print("\nGo on: script/demo FILE.eml [RECIPIENT] answers a message of yours,\n"
+                  "       script/demo --shell lets you look around.")
 
 
+signal.signal(signal.SIGPIPE, signal.SIG_DFL)  # of the reader that has seen enough, as in `mails | head`
 sys.stdout.reconfigure(errors="replace")
 main(sys.argv[1:])

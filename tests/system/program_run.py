@@ -155,6 +155,15 @@ class Running:
         return sorted(left)
 
 
+def wait_until(what, condition, seconds=30):
+    """Returns once condition() is true; raises AssertionError, naming what was waited for, after so many seconds."""
+    deadline = time.monotonic() + seconds
+    while not condition():
+        if time.monotonic() > deadline:
+            raise AssertionError(f"{what}: not within {seconds} seconds")
+        time.sleep(0.005)
+
+
 def process_ids():
     """All processes of the sandbox that haven't ended, but for the database server."""
     alive = set()

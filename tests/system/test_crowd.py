@@ -1,7 +1,6 @@
 """Many runs at once against one server: a short form of script/soak, and the checks that it rests on."""
 
 import collections
-import time
 
 import crowd
 import crowd_rules
@@ -10,7 +9,7 @@ import database
 import soak
 from crowd import Run
 from harness import SystemTest
-from program_run import TemporaryFile
+from program_run import TemporaryFile, wait_until
 from spool import Mail
 
 SEED = 20250602
@@ -78,19 +77,14 @@ class Deadlocks(SystemTest):
         other.execute("insert into misc (param) select concat('x', seq) from seq_1_to_100")
         other.execute(f"select id from resp_freq where id={second} for update")
         run = self.start()
-        self.wait_until_it_waits()
+        wait_until("a statement of the program that waits", lambda: self.sql(
+            "show global status like 'Innodb_row_lock_current_waits'")[0][1] != b"0")
         other.execute(f"select id from resp_freq where id={first} for update")
         other.execute("commit")
         result = run.finish()
         self.assert_ended(result, stderr=b"autoresponder: Unable to exec query :" + crowd_rules.DEADLOCK + b"\n")
         self.assert_nothing_sent(result)
         self.assert_nothing_left(result)
-
-    def wait_until_it_waits(self):
-        deadline = time.monotonic() + 30
-        while self.sql("show global status like 'Innodb_row_lock_current_waits'")[0][1] == b"0":
-            self.assertLess(time.monotonic(), deadline, "the program's statement doesn't wait")
-            time.sleep(0.005)
 
 
 def look(responder=1, sender="a@b"):

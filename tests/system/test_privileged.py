@@ -9,12 +9,12 @@ import resource
 import shutil
 import signal
 import subprocess
-import time
 
 import expected
 import program_run
 import sandbox
 from harness import MESSAGE, NOBODY, SystemTest
+from program_run import wait_until
 
 PROGRAM = pathlib.Path("/sandbox/setuid_autoresponder")
 LURES = pathlib.Path("/sandbox/lures")
@@ -58,12 +58,6 @@ class PrivilegedTest(SystemTest):
                                                                 TEXT.encode()))
         self.assertEqual((result.mails[0].uid, result.mails[0].gid), ((0, 0), (0, 0)))
         self.assert_nothing_left(result)
-
-    def wait_until(self, condition):
-        deadline = time.monotonic() + 30
-        while not condition():
-            self.assertLess(time.monotonic(), deadline, "waited in vain")
-            time.sleep(0.01)
 
     def lure(self, name, content, mode=0o755):
         path = LURES / name
@@ -231,7 +225,7 @@ class CoreDumps(PrivilegedTest):
                 ["prlimit", "--core=unlimited:", *command], stdin=message, stdout=subprocess.DEVNULL,
                 stderr=subprocess.DEVNULL, cwd=self.folder, env=ROOTS_ENVIRONMENT)
         self.addCleanup(process.wait)
-        self.wait_until(lambda: ready(process.pid))
+        wait_until("the moment for a crash", lambda: ready(process.pid))
         os.kill(process.pid, signal.SIGABRT)
         status = os.waitpid(process.pid, 0)[1]
         self.assertEqual(os.WTERMSIG(status), signal.SIGABRT)
@@ -266,7 +260,7 @@ class Debuggers(PrivilegedTest):
         other = subprocess.Popen([*AS_NOBODY, "sleep", "60"])
         self.addCleanup(other.wait)
         self.addCleanup(other.kill)
-        self.wait_until(lambda: self.mails() and name_of(other.pid) == "sleep")
+        wait_until("both processes", lambda: self.mails() and name_of(other.pid) == "sleep")
         opened = {pid: subprocess.run([*AS_NOBODY, "head", "-c1", f"/proc/{pid}/environ"], capture_output=True,
                                       check=False).returncode == 0
                   for pid in (run.process.pid, other.pid)}

@@ -222,8 +222,8 @@ ls -A /tmp/tree/tmp"""
                 else:
                     os.kill(runner.pid, number)
                 runner.wait(PATIENCE)
-                self.wait_until(lambda: program_run.process_ids() == before["processes"],
-                                "all processes of the sandbox are gone")
+                program_run.wait_until("the end of the sandbox's processes",
+                                       lambda: program_run.process_ids() == before["processes"])
                 self.assertEqual(traces(), before)
 
     def test_ctrl_c_while_it_starts_ends_it_quietly(self):
@@ -234,11 +234,11 @@ ls -A /tmp/tree/tmp"""
                                           stderr=subprocess.PIPE, text=True)
                 # Python itself has started once it has loaded a module for the sandbox.
                 maps = pathlib.Path(f"/proc/{runner.pid}/maps")
-                self.wait_until(lambda: "_ctypes" in maps.read_text(), "the sandbox starts")
+                program_run.wait_until("the sandbox's start", lambda: "_ctypes" in maps.read_text())
                 time.sleep(delay)
                 os.killpg(runner.pid, signal.SIGINT)
                 self.assertEqual(runner.communicate(timeout=PATIENCE)[1], "")
-                self.wait_until(lambda: program_run.process_ids() == before, "all processes are gone")
+                program_run.wait_until("the end of all processes", lambda: program_run.process_ids() == before)
 
     def start_long_sandbox(self):
         """A sandbox whose command has started a process in the background and runs on."""
@@ -247,9 +247,3 @@ ls -A /tmp/tree/tmp"""
         self.addCleanup(runner.stdout.close)
         self.assertEqual(runner.stdout.readline(), "up\n")
         return runner
-
-    def wait_until(self, condition, what):
-        deadline = time.monotonic() + PATIENCE
-        while not condition():
-            self.assertLess(time.monotonic(), deadline, f"waited in vain: {what}")
-            time.sleep(0.01)
