@@ -3,12 +3,12 @@
 # what was tested. See the Debian Policy Manual, chapters 5 (control fields), 9.1 (places), 12
 # (documentation).
 
-# Puts the version into the file of packaging/ or doc/, compresses it as Debian wants it and leaves the
-# path of the result in `result`.
+# Copies the file of packaging/ or doc/, compresses the copy as Debian wants it and leaves the path of the
+# result in `result`.
 function(qrx_compressed source result)
     cmake_path(GET source FILENAME name)
     set(copy "${PROJECT_BINARY_DIR}/packaging/${name}")
-    configure_file("${source}" "${copy}" @ONLY)
+    configure_file("${source}" "${copy}" COPYONLY)
     add_custom_command(OUTPUT "${copy}.gz" COMMAND gzip -9nkf "${copy}" DEPENDS "${copy}" VERBATIM)
     set_property(TARGET packaged APPEND PROPERTY SOURCES "${copy}.gz")
     set(${result} "${copy}.gz" PARENT_SCOPE)

@@ -62,6 +62,7 @@ class MailSystemTest(SystemTest):
         PROGRAM.chmod(0o755)
         mail_system.remove_user("autoresponder")
         guide.run_block("user")
+        guide.run_block("group")
         cls.configure()
         mail_system.wait_until("an answer over SMTP", mail_system.answers_smtp)
 
@@ -73,8 +74,7 @@ class MailSystemTest(SystemTest):
     def setUp(self):
         """The password file is made anew for each case, so the guide's commands hold for it no longer."""
         super().setUp()
-        shutil.chown(PASSWORD_FILE, group="autoresponder")
-        PASSWORD_FILE.chmod(0o640)
+        guide.run_block("password")
         mail_system.put_sendmail_back()
         mail_system.empty_mailboxes()
         self.log_begins = len(self.log())
@@ -172,6 +172,24 @@ class MailSystemCases:
         parts = list(parsed(self.only_mail(SAM)).iter_attachments())
         self.assertEqual([(part.get_filename(), part.get_content()) for part in parts],
                          [("prices.pdf", bytes(range(256)) * 40)])
+
+    def test_an_attachment_in_folders_of_the_group_arrives(self):
+        responder = self.furnish()
+        self.panel.attachment(responder, "prices.pdf", b"from 5 to 10\n")
+        folder = self.panel.attachment_folder(responder)
+        for path in (folder.parent, folder, folder / "prices.pdf"):
+            shutil.chown(path, "root", "vmail")
+            path.chmod(0o750 if path.is_dir() else 0o640)
+        self.assertEqual(self.list_as_the_guide_does(folder), "prices.pdf\n")
+        self.receive()
+        parts = list(parsed(self.only_mail(SAM)).iter_attachments())
+        self.assertEqual([(part.get_filename(), part.get_content()) for part in parts],
+                         [("prices.pdf", b"from 5 to 10\n")])
+
+    def list_as_the_guide_does(self, folder):
+        check = "setpriv --reuid autoresponder --regid vmail --clear-groups ls FOLDER"
+        self.assertIn(check, guide.text())
+        return guide.run_commands(check.replace("FOLDER", str(folder)))
 
     def test_over_the_daily_limit_a_message_is_delivered_and_gets_nothing(self):
         self.panel.forward(self.furnish(ans_freq="1"), BOSS)
@@ -287,7 +305,7 @@ class MailSystemCases:
 
     def test_a_password_that_cannot_be_read_is_logged(self):
         self.furnish()
-        PASSWORD_FILE.chmod(0o600)
+        shutil.chown(PASSWORD_FILE, "root")
         self.receive()
         self.assert_delivered(INFO, "When are you open?\n")
         self.assertIn("Unable to open admin password file: Permission denied", self.news())
@@ -299,11 +317,20 @@ class MailSystemCases:
         self.settle()
         self.assertEqual((written, envelope_sender(self.only_mail(SAM))), ("", INFO))
 
+    def test_a_mailbox_is_stopped_and_another_one_is_not(self):
+        self.furnish(text="info\n")
+        self.panel.responder(self.panel.mailbox(self.domain, "sales"), text="sales\n")
+        guide.run_sql("mailbox-stop")
+        self.receive(to=[INFO, SALES])
+        self.assert_delivered(INFO, "When are you open?\n")
+        self.assert_delivered(SAM, "sales\n\n\n\n")
+
     def test_with_the_set_user_id_bit_the_password_stays_for_root(self):
         self.skip_if_sanitized("the sanitizers' library doesn't trust its environment there")
         self.furnish()
-        PASSWORD_FILE.chmod(0o600)
+        shutil.chown(PASSWORD_FILE, "root")
         self.addCleanup(PROGRAM.chmod, 0o755)
+        self.addCleanup(shutil.chown, PROGRAM, "root", "root")
         self.addCleanup(subprocess.run, ["dpkg-statoverride", "--quiet", "--remove", PROGRAM], check=True)
         guide.run_block("set-user-id")
         self.receive()

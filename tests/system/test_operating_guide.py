@@ -136,6 +136,31 @@ class Qmail(SystemTest):
         self.assertIn(b"Send error: ", result.stderr)
 
 
+class Queries(SystemTest):
+    """The statements that the guide gives for one mailbox."""
+
+    def setUp(self):
+        super().setUp()
+        self.responder = self.furnish(keystr="hours", key_where="subj", ans_freq="3")
+        self.other = self.panel.responder(self.panel.mailbox(self.domain, "sales"))
+
+    def test_from_an_address_to_its_responders(self):
+        self.assertEqual(guide.run_sql("responders"), f"{self.responder}\ttrue\tsubj\thours\t3\n")
+
+    def test_a_sender_is_forgotten_by_one_mailbox(self):
+        for responder in (self.responder, self.other):
+            self.panel.answered(responder, "you@example.org")
+        self.panel.answered(self.responder, "sam@sender.example")
+        guide.run_sql("forget")
+        self.assertEqual([row[:2] for row in self.panel.frequency_rows()],
+                         [(self.other, "you@example.org"), (self.responder, "sam@sender.example")])
+
+    def test_one_mailbox_is_stopped(self):
+        guide.run_sql("mailbox-stop")
+        self.assertEqual(self.sql("select id, resp_on from mail_resp order by id"),
+                         [(str(self.responder).encode(), b"false"), (str(self.other).encode(), b"true")])
+
+
 class Causes(SystemTest):
     """Causes of the guide that no other test tries."""
 

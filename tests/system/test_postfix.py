@@ -3,11 +3,13 @@
 import pathlib
 import re
 import shutil
+import smtplib
 import subprocess
 
 import guide
 import mail_system
-from mail_system_case import MAILBOXES, SAM, MailSystemCases, MailSystemTest
+import sandbox
+from mail_system_case import CLIENT, INFO, MAILBOXES, SALES, SAM, MailSystemCases, MailSystemTest
 
 _CONFIGURATION = pathlib.Path("/etc/postfix")
 _SPOOL = pathlib.Path("/var/spool/postfix")
@@ -40,11 +42,41 @@ class Postfix(MailSystemCases, MailSystemTest):
     def configure(cls):
         cls._finish_the_installation()
         cls._start_as_it_was()
-        cls._append("main.cf", guide.block("postfix-main"))
-        cls._append("master.cf", guide.block("postfix-master"))
         cls._append("autoresponder", guide.block("postfix-map"))
-        guide.run_block("postfix-commands")
-        mail_system.wait_until("the new configuration", lambda: " reload -- version" in cls.log())
+        guide.run_block("postfix-postmap")
+        cls._append("main.cf", cls._with_the_map_of_the_host(guide.block("postfix-main")))
+        cls._append("master.cf", guide.block("postfix-master"))
+        cls._until_reloaded(lambda: guide.run_block("postfix-commands"))
+
+    @staticmethod
+    def _with_the_map_of_the_host(settings):
+        """The autoresponder's map with the host's own appended, as the guide says."""
+        alone = "virtual_alias_maps = hash:/etc/postfix/autoresponder"
+        both = alone + ", hash:/etc/postfix/virtual"
+        if f"`{both}`" not in guide.text() or alone + "\n" not in settings:
+            raise AssertionError("the guide doesn't say how maps are appended")
+        return settings.replace(alone, both)
+
+    @classmethod
+    def _until_reloaded(cls, change):
+        done = cls.log().count(" reload -- version")
+        change()
+        mail_system.wait_until("the new configuration", lambda: cls.log().count(" reload -- version") > done)
+        mail_system.wait_until("an answer over SMTP", mail_system.answers_smtp)
+
+    def set_for_this_case(self, setting):
+        """Changes main.cf, and puts it back when the case ends."""
+        self.change_main_cf(lambda: guide.run_commands(f"postconf -e '{setting}' && postfix reload"))
+
+    def change_main_cf(self, change):
+        main = _CONFIGURATION / "main.cf"
+        kept = main.read_bytes()
+        self._until_reloaded(change)
+
+        def put_back():
+            main.write_bytes(kept)
+            self._until_reloaded(lambda: guide.run_commands("postfix reload"))
+        self.addCleanup(put_back)
 
     @classmethod
     def _start_as_it_was(cls):
@@ -111,6 +143,33 @@ class Postfix(MailSystemCases, MailSystemTest):
         check = "postmap -q info@example.com hash:/etc/postfix/autoresponder"
         self.assertIn(check.replace("info@example.com", "ADDRESS"), guide.text())
         self.assertEqual(guide.run_commands(check), "info@example.com, answer@autoresponder.invalid\n")
+
+    def test_a_map_that_does_not_exist_stops_all_mail(self):
+        self.set_for_this_case("virtual_alias_maps = hash:/etc/postfix/autoresponder, hash:/etc/postfix/missing")
+        with smtplib.SMTP("127.0.0.1", timeout=mail_system.PATIENCE_SECONDS) as client:
+            client.ehlo("client.example")
+            client.mail(SAM)
+            self.assertEqual(client.rcpt(CLIENT)[0], 451)
+
+    def test_stopped_at_once_a_message_is_delivered_and_gets_nothing(self):
+        self.furnish()
+        self.change_main_cf(lambda: guide.run_block("postfix-stop"))
+        self.receive()
+        self.assert_delivered(INFO, "When are you open?\n")
+        self.assert_delivered(SAM)
+        self.assert_nothing_failed()
+
+    def test_the_replies_of_a_mailbox_are_listed_and_deleted_in_the_queue(self):
+        self.set_for_this_case("defer_transports = virtual")
+        for sender in (INFO, SALES):
+            subprocess.run([sandbox.SENDMAIL, "-f", sender, SAM], input=b"Subject: queued\n\n", check=True)
+        self.wait_for("two deferred messages", lambda: guide.run_commands("postqueue -p").count("deferred transport") == 2)
+        listed = guide.run_block("postfix-queued")
+        self.assertEqual((listed.count(INFO), listed.count(SALES)), (1, 0), listed)
+        self.assertIn("Deleted: 1 message", guide.run_block("postfix-delete"))
+        left = guide.run_commands("postqueue -p")
+        self.assertEqual((left.count(INFO), left.count(SALES)), (0, 1), left)
+        guide.run_commands("postsuper -d ALL")
 
     def test_a_reply_over_the_message_size_limit_is_refused_unless_databytes_says_so(self):
         self.panel.attachment(self.furnish(), "large.bin", bytes(9_000_000))
