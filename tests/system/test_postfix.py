@@ -163,7 +163,8 @@ class Postfix(MailSystemCases, MailSystemTest):
         self.set_for_this_case("defer_transports = virtual")
         for sender in (INFO, SALES):
             subprocess.run([sandbox.SENDMAIL, "-f", sender, SAM], input=b"Subject: queued\n\n", check=True)
-        self.wait_for("two deferred messages", lambda: guide.run_commands("postqueue -p").count("deferred transport") == 2)
+        self.wait_for("two deferred messages",
+                      lambda: guide.run_commands("postqueue -p").count("deferred transport") == 2)
         listed = guide.run_block("postfix-queued")
         self.assertEqual((listed.count(INFO), listed.count(SALES)), (1, 0), listed)
         self.assertIn("Deleted: 1 message", guide.run_block("postfix-delete"))
