@@ -105,8 +105,8 @@ TextPart choose_text(const DwMessage& message) {
 TextPieces recode_body(std::string_view body, const std::string& charset) {
     TextPieces utf8(body.size());
     try {
-        quarx::iconvRecode(body, charset, "UTF-8", true,
-                           [&](std::string_view piece) { utf8.append(piece); });
+        quarx::iconvRecodePieces(body, charset, "UTF-8", true,
+                                 [&](std::string_view piece) { utf8.append(piece); });
     } catch (const std::runtime_error&) {
         report("Could not convert message body text from " + charset + " to UTF-8.");
         utf8.clear();

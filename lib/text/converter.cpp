@@ -42,9 +42,8 @@ bool loses_letters(const std::string& charset) {
 } // namespace
 
 Converter::Converter(const std::string& to, const std::string& from)
-    : cd_(open_converter(to, from)),
-      may_cut_((is_utf8(to) || is_utf8(from)) && to.find('/') == to.npos && !loses_letters(to)),
-      is_from_utf7_(is_named(from, "UTF7")) {}
+    : may_cut_((is_utf8(to) || is_utf8(from)) && to.find('/') == to.npos && !loses_letters(to)),
+      is_from_utf7_(is_named(from, "UTF7")), cd_(open_converter(to, from)) {}
 
 Converter::~Converter() {
     const int saved_errno = errno;

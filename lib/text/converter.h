@@ -46,9 +46,9 @@ private:
     // What iconv_open(3) returns for "none": all ones.
     inline static const iconv_t kNone = reinterpret_cast<iconv_t>(-1);
 
-    iconv_t cd_;
     bool may_cut_;
     bool is_from_utf7_;
+    iconv_t cd_; // the last one: what is made before it may throw
 };
 
 } // namespace quarx

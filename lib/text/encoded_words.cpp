@@ -95,7 +95,8 @@ void rfc1522_decode_word(std::string_view word, LoadedCharsets& charsets, std::s
     const std::string decoded = decode_data(word.substr(q1 + 1, q2 - q1 - 1), //
                                             word.substr(q2 + 1, end - q2 - 1));
     charsets.keep(charset);
-    iconvRecode(decoded, charset, "utf-8", true, [&](std::string_view piece) { result += piece; });
+    iconvRecodePieces(decoded, charset, "utf-8", true,
+                      [&](std::string_view piece) { result += piece; });
     result += trailing;
 }
 

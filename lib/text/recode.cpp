@@ -127,8 +127,8 @@ std::string iconvRecode(const std::string& text, const std::string& from, const 
     return result;
 }
 
-void iconvRecode(std::string_view text, const std::string& from, const std::string& to,
-                 bool skipInvalid, const std::function<void(std::string_view piece)>& take) {
+void iconvRecodePieces(std::string_view text, const std::string& from, const std::string& to,
+                       bool skipInvalid, const std::function<void(std::string_view piece)>& take) {
     recode_or_throw(text, from, to, skipInvalid,
                     [&](std::string_view piece, size_t) { take(piece); });
 }

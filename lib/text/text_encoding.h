@@ -2,7 +2,7 @@
 //
 // All functions take and give byte strings; NUL bytes are ordinary bytes, except in charset names,
 // which iconv_open(3) reads up to their first NUL. Malformed input is expected, never fatal by
-// itself: it is named on standard error (complaints.h), one line each, and decoding goes on. Time
+// itself: it is named on standard error, one line each, and decoding goes on. Time
 // and memory are linear in the input, whatever it holds.
 //
 // Public sources: iconv_open(3), iconv(3), iconv_close(3) of the GNU C library; encoded words as in
@@ -24,14 +24,16 @@ namespace quarx {
 // cut off by the end of the text; `errno` is then what the failing iconv call left.
 // Each byte that becomes "?" costs some 40 ns on the way to or from UTF-8. Between two other
 // charsets, and to targets such as "...//IGNORE", it can be 10 microseconds: iconv(3) is shown all
-// of the text there, and has read thousands of characters ahead, which it reads again.
+// of the text there, and has read thousands of characters ahead, which it reads again. UTF-7 that
+// is invalid over and over and has no blanks gives what one pass of iconv(3) over all of it would
+// for as long as that takes reading no more than 16 MiB again.
 std::string iconvRecode(const std::string& text, const std::string& from, const std::string& to,
                         bool skipInvalid);
 
 // The same for a text of which no second whole copy is wanted: `take` gets the result in pieces of
 // at most 4096 bytes, in order. What it got before an exception is of no use.
-void iconvRecode(std::string_view text, const std::string& from, const std::string& to,
-                 bool skipInvalid, const std::function<void(std::string_view piece)>& take);
+void iconvRecodePieces(std::string_view text, const std::string& from, const std::string& to,
+                       bool skipInvalid, const std::function<void(std::string_view piece)>& take);
 
 // The bytes of base64 `text`, read in groups of four symbols up to the first "=". White space is
 // skipped; any other byte outside the alphabet is named on standard error and skipped. A short last

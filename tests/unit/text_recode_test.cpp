@@ -21,6 +21,7 @@
 #include <vector>
 
 using quarx::iconvRecode;
+using quarx::iconvRecodePieces;
 using twin::Outcome;
 using twin::outcome_of;
 using twin::repeated;
@@ -411,7 +412,7 @@ TEST_F(IconvRecode, PiecesPutTogetherAreTheWhole) {
     for (const char* from : {"utf-8", "latin1", "koi8-r"}) {
         std::string whole;
         size_t longest = 0;
-        iconvRecode(std::string_view(text), from, "utf-8", true, [&](std::string_view piece) {
+        iconvRecodePieces(std::string_view(text), from, "utf-8", true, [&](std::string_view piece) {
             whole += piece;
             longest = std::max(longest, piece.size());
         });
@@ -423,7 +424,7 @@ TEST_F(IconvRecode, PiecesPutTogetherAreTheWhole) {
 TEST_F(IconvRecode, PiecesFailAsTheWholeDoes) {
     const auto pieces = [](const char* text, const char* from, bool skip) {
         return outcome_of([&] {
-            iconvRecode(std::string_view(text), from, "utf-8", skip, [](std::string_view) {});
+            iconvRecodePieces(std::string_view(text), from, "utf-8", skip, [](std::string_view) {});
             return std::string();
         });
     };
