@@ -56,7 +56,7 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PROGRAM_PACKAGE_NAME autoresponder)
 set(CPACK_DEBIAN_PROGRAM_PACKAGE_SECTION mail)
 set(CPACK_DEBIAN_PROGRAM_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PROGRAM_PACKAGE_SUGGESTS "default-mta | mail-transport-agent, default-mysql-server")
+set(CPACK_DEBIAN_PROGRAM_PACKAGE_SUGGESTS "default-mta | mail-transport-agent, default-mysql-server, libmariadb3")
 set(CPACK_DEBIAN_PROGRAM_DESCRIPTION [[mail autoresponder of a web-hosting control panel
 The mail system starts this program once for each message to a mailbox that
 has autoresponders. It finds the mailbox in the panel's MySQL or MariaDB
