@@ -3,6 +3,7 @@
 #pragma once
 
 #include "autoresponder/mail_content.h"
+#include "lines_twin.h"
 #include "tests/parser/naive_parser.h"
 #include "text_outcome.h"
 #include "text_twins.h"
@@ -46,17 +47,6 @@ inline std::string charset_of(const parser_test::EntityRecord& entity) {
             return value;
     }
     return "US-ASCII";
-}
-
-inline std::vector<std::string> lines_of(const std::string& text) {
-    std::vector<std::string> lines = {""};
-    for (const char c : text) {
-        if (c == '\n')
-            lines.emplace_back();
-        else
-            lines.back() += c;
-    }
-    return lines;
 }
 
 // Nothing where nobody is to be answered.

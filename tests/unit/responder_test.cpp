@@ -127,6 +127,20 @@ protected:
         EXPECT_EQ(files.size(), 2U) << "the message's copy and the reply stay";
     }
 
+    // The run ends so when no memory is to be had for a text of megabytes.
+    void expect_exhausted_memory() {
+        const isolated::Outcome outcome = isolated::run([&] {
+            refused_new = 1000000;
+            db_mail_act(&content);
+            return std::string();
+        });
+        EXPECT_OUTCOME(outcome, 1,
+                       "prog: Program failed due to exhausted memory\n"
+                       "System error 12: Cannot allocate memory\n",
+                       outcome.out);
+        EXPECT_EQ(files_in("/tmp").size(), 1U) << "the message's copy stays";
+    }
+
     Mail_content content;
 };
 
@@ -303,16 +317,7 @@ TEST_F(ResponderTest, RecipientWithoutAsciiFormIsAnIdnError) {
 TEST_F(ResponderTest, ExhaustedMemoryIsReported) {
     have_responder("resp_on='true', text=repeat('x', 3000000)");
     write_file(mail_file_name, "message");
-    const isolated::Outcome outcome = isolated::run([&] {
-        refused_new = 1000000;
-        db_mail_act(&content);
-        return std::string();
-    });
-    EXPECT_OUTCOME(outcome, 1,
-                   "prog: Program failed due to exhausted memory\n"
-                   "System error 12: Cannot allocate memory\n",
-                   outcome.out);
-    EXPECT_EQ(files_in("/tmp").size(), 1U) << "the message's copy stays";
+    expect_exhausted_memory();
 }
 
 TEST_F(ResponderTest, ExhaustedMemoryInForwardingIsReported) {
@@ -320,16 +325,7 @@ TEST_F(ResponderTest, ExhaustedMemoryInForwardingIsReported) {
     panel::run("alter table resp_forward modify address mediumtext");
     panel::run("insert into resp_forward set rn_id=7, address=repeat('x', 3000000)");
     write_file(mail_file_name, "message");
-    const isolated::Outcome outcome = isolated::run([&] {
-        refused_new = 1000000;
-        db_mail_act(&content);
-        return std::string();
-    });
-    EXPECT_OUTCOME(outcome, 1,
-                   "prog: Program failed due to exhausted memory\n"
-                   "System error 12: Cannot allocate memory\n",
-                   outcome.out);
-    EXPECT_EQ(files_in("/tmp").size(), 1U) << "the message's copy stays";
+    expect_exhausted_memory();
     EXPECT_EQ(panel::value("select rn_id from resp_freq"), "7") << "it was counted before";
 }
 

@@ -2,6 +2,7 @@
 
 #include "autoresponder/text_pieces.h"
 
+#include "tests/twins/lines_twin.h"
 #include "tests/twins/text_random.h"
 
 #include <gtest/gtest.h>
@@ -21,18 +22,6 @@ Lines lines_of(const std::string& text, size_t expected_bytes = 0) {
     return pieces.take_lines();
 }
 
-// Byte by byte.
-Lines naive_lines_of(const std::string& text) {
-    Lines lines = {""};
-    for (const char c : text) {
-        if (c == '\n')
-            lines.emplace_back();
-        else
-            lines.back() += c;
-    }
-    return lines;
-}
-
 std::string described(const Lines& lines) {
     std::string text = std::to_string(lines.size()) + " lines:";
     for (size_t i = 0; i < lines.size() && i < 20; ++i)
@@ -42,7 +31,7 @@ std::string described(const Lines& lines) {
 
 void expect_naive_lines(const std::string& text) {
     const Lines got = lines_of(text, text.size());
-    const Lines wanted = naive_lines_of(text);
+    const Lines wanted = twin::lines_of(text);
     EXPECT_TRUE(got == wanted) << described(got) << ", wanted " << described(wanted);
 }
 
@@ -97,7 +86,7 @@ TEST(TextPieces, LineFeedsAboutTheEndOfAPiece) {
 TEST(TextPieces, MoreOrLessThanExpectedIsTheSame) {
     const std::string text = "one\n" + std::string(3 * kPiece, 'a') + "\ntwo";
     for (const size_t expected : {size_t{0}, size_t{1}, kPiece - 1, 10 * kPiece})
-        EXPECT_TRUE(lines_of(text, expected) == naive_lines_of(text)) << expected;
+        EXPECT_TRUE(lines_of(text, expected) == twin::lines_of(text)) << expected;
 }
 
 TEST(TextPieces, ALineOverManyPiecesTakesNoMoreRoomThanItNeeds) {
