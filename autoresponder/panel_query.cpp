@@ -22,7 +22,7 @@ MysqlResult store_query(MYSQL* connection, const std::string& query) {
     if (!send_statement(connection, query))
         return nullptr;
     MysqlResult result(mysql_store_result(connection));
-    if (!result) // a statement that has none to give is no failure of the connection
+    if (!result && mysql_field_count(connection) != 0) // else the statement has none to give
         shut_unless_refused(connection);
     return result;
 }
