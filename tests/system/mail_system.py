@@ -13,10 +13,10 @@ import shutil
 import socket
 import struct
 import subprocess
-import time
 
 import linux
 import sandbox
+from program_run import wait_until
 
 PATIENCE_SECONDS = 20
 MAILBOXES = pathlib.Path("/var/vmail")
@@ -114,15 +114,6 @@ def empty_mailboxes():
 
 def files_below(*folders):
     return [path for folder in folders for path in pathlib.Path(folder).rglob("*") if path.is_file()]
-
-
-def wait_until(what, condition):
-    """Waits until condition() is true; raises AssertionError, naming what, after PATIENCE_SECONDS."""
-    deadline = time.monotonic() + PATIENCE_SECONDS
-    while not condition():
-        if time.monotonic() > deadline:
-            raise AssertionError(f"{what}: not within {PATIENCE_SECONDS} seconds")
-        time.sleep(0.01)
 
 
 def answers_smtp():

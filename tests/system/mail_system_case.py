@@ -17,6 +17,7 @@ import mail_system
 import sandbox
 from harness import SystemTest
 from panel import PASSWORD_FILE
+from program_run import wait_until
 
 PROGRAM = pathlib.Path("/usr/sbin/autoresponder")
 INFO, SALES, OFFICE = "info@example.com", "sales@example.com", "office@example.com"
@@ -64,7 +65,7 @@ class MailSystemTest(SystemTest):
         guide.run_block("user")
         guide.run_block("group")
         cls.configure()
-        mail_system.wait_until("an answer over SMTP", mail_system.answers_smtp)
+        wait_until("an answer over SMTP", mail_system.answers_smtp)
 
     @classmethod
     def tearDownClass(cls):
@@ -101,7 +102,7 @@ class MailSystemTest(SystemTest):
 
     def wait_for(self, what, condition):
         try:
-            mail_system.wait_until(what, condition)
+            wait_until(what, condition)
         except AssertionError as late:
             self.fail(f"{late}\n{self.news()}")
 
