@@ -1,5 +1,6 @@
 #include "client_calls.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
 
@@ -16,6 +17,7 @@ int __real_mysql_real_query(MYSQL* connection, const char* statement, unsigned l
 MYSQL* __real_mysql_real_connect(MYSQL* connection, const char* host, const char* user,
                                  const char* password, const char* database, unsigned port,
                                  const char* socket, unsigned long flags);
+void* __real_malloc(size_t size);
 FILE* __real_fopen(const char* path, const char* mode);
 void __real_explicit_bzero(void* memory, size_t size);
 
@@ -68,6 +70,13 @@ MYSQL* __wrap_mysql_real_connect(MYSQL* connection, const char* host, const char
                                      std::to_string(flags);
     return __real_mysql_real_connect(connection, host, user, password, database, port, socket,
                                      flags);
+}
+
+void* __wrap_malloc(size_t size) {
+    if (size <= client_calls.largest_block)
+        return __real_malloc(size);
+    errno = ENOMEM;
+    return nullptr;
 }
 
 FILE* __wrap_fopen(const char* path, const char* mode) {

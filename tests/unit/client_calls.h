@@ -4,6 +4,8 @@
 // and changed where a case asks for it. A program that uses this links its calls here by
 // qrx_wrap_client_calls (ld(1), --wrap).
 
+#include <cstddef>
+#include <cstdint>
 #include <map>
 #include <mysql.h>
 #include <string>
@@ -21,6 +23,7 @@ struct ClientCalls {
 
     // Asked for.
     bool init_fails = false;
+    size_t largest_block = SIZE_MAX;   // bytes; malloc gives none larger
     unsigned reported_error = 0;       // mysql_errno gives it, when not 0
     bool query_fails_silently = false; // mysql_query fails without an error
     std::string query_instead;         // mysql_query sends it

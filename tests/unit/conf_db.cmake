@@ -13,7 +13,7 @@ function(qrx_db_test name)
     qrx_isolate(${name})
     target_sources(${name} PRIVATE client_calls.cpp)
     qrx_wrap(${name} mysql_init mysql_close mysql_errno mysql_options mysql_query mysql_real_query
-        mysql_real_connect fopen explicit_bzero __explicit_bzero_chk)
+        mysql_real_connect malloc fopen explicit_bzero __explicit_bzero_chk)
 endfunction()
 
 qrx_db_test(quarx_db_test)

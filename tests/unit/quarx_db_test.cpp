@@ -224,6 +224,13 @@ TEST_F(QuarxDbFailure, no_memory_for_the_client) {
     EXPECT_EQ(errno, ENOMEM);
 }
 
+TEST_F(QuarxDbFailure, little_memory_left_stops_it_before_the_client_is_asked) {
+    client_calls.largest_block = 65536; // the client needs none of this size to connect
+    expect_failure("Unable to initialize MySQL connection structure: Cannot allocate memory");
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(client_calls.inits, 0);
+}
+
 TEST_F(QuarxDbFailure, a_wrong_password) {
     panel::write_password_file("wrong\n");
     expect_failure("Unable to connect to Quarx Database: Access denied for user "
