@@ -11,7 +11,7 @@ import tempfile
 import unittest
 
 HERE = pathlib.Path(__file__).resolve().parent
-sys.path.insert(0, str(HERE.parent / "system"))
+sys.path.insert(0, str(HERE.parent / "system/support"))
 import results
 
 SOURCE, COMPILER = sys.argv[1:3]

@@ -13,7 +13,7 @@ import tempfile
 import unittest
 
 HERE = pathlib.Path(__file__).resolve().parent
-sys.path.insert(0, str(HERE.parent / "system"))
+sys.path.insert(0, str(HERE.parent / "system/support"))
 import results
 
 BUILD, COMPILER, FLAGS = sys.argv[1], sys.argv[2], sys.argv[3].split()

@@ -13,7 +13,7 @@ import tempfile
 import unittest
 
 CHECKOUT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(CHECKOUT / "tests/system"))
+sys.path.insert(0, str(CHECKOUT / "tests/system/support"))
 import results
 
 PAGES, PRINT_VALUE = pathlib.Path(sys.argv[1]), sys.argv[2]

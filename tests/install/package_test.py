@@ -18,7 +18,7 @@ import unittest
 HERE = pathlib.Path(__file__).resolve().parent
 CHECKOUT = HERE.parents[1]
 SYSTEM_TESTS = CHECKOUT / "tests/system"
-sys.path.insert(0, str(SYSTEM_TESTS))
+sys.path.insert(0, str(SYSTEM_TESTS / "support"))
 import overlay
 import results
 

@@ -9,7 +9,7 @@ from harness import SystemTest
 
 HERE = pathlib.Path(__file__).resolve().parent
 SCRIPT = HERE.parents[1] / "script/demo"
-DEMO = ["/usr/bin/python3", "-B", str(HERE / "demo.py")]
+DEMO = ["/usr/bin/python3", "-B", str(HERE / "support/demo.py")]
 KINDS = ["a reply", "a reply", "the client is told of a missing file", "a reply", "the message, forwarded",
          "a reply"]
 LAST_LINE = "       script/demo --shell lets you look around."

@@ -15,7 +15,7 @@ def count(ctest, **programs):
     for name, cases in {"ctest": ctest, **programs}.items():
         (FOLDER / f"{name}.xml").write_text(f'<testsuites><testsuite name="Suite">{cases}</testsuite></testsuites>'
                                             if name != "ctest" else f"<testsuite>{cases}</testsuite>")
-    result = subprocess.run([HERE / "count_results.py", FOLDER], capture_output=True, text=True, check=False)
+    result = subprocess.run([HERE / "support/count_results.py", FOLDER], capture_output=True, text=True, check=False)
     return result.stdout.splitlines(), result.returncode
 
 
@@ -68,8 +68,8 @@ class Writing(SystemTest):
     def run_file(self, body):
         """Runs a file of tests with that body of its class; returns its status and its counted results."""
         tools = pathlib.Path("/tmp/tools")
-        tools.mkdir()
-        for name in ("run_tests", "results.py", "sandbox.py", "linux.py", "server.py"):
+        (tools / "support").mkdir(parents=True)
+        for name in ("run_tests", *(f"support/{name}.py" for name in ("results", "sandbox", "linux", "server"))):
             (tools / name).write_bytes((HERE / name).read_bytes())
         (tools / "run_tests").chmod(0o755)
         (tools / "test_x.py").write_text(f"import unittest, os, sys\nclass X(unittest.TestCase):\n{body}")

@@ -205,7 +205,7 @@ ls -A /tmp/tree/tmp"""
 
     def test_a_server_that_does_not_start_is_told_with_its_reason(self):
         checkout = self.copy_of_the_checkout()
-        module = checkout / "tests/system/server.py"
+        module = checkout / "tests/system/support/server.py"
         module.write_text(module.read_text().replace('"--skip-networking"', '"--no-such-option"'))
         result = in_sandbox("true", tool=checkout / "tests/system/in_sandbox")
         self.assertEqual(result.returncode, 125)

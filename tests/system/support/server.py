@@ -19,7 +19,7 @@ SOCKET = "/run/mysqld/mysqld.sock"
 DATA = "/sandbox/data"
 LOG = "/sandbox/mariadbd.log"
 PID_FILE = "/sandbox/mariadbd.pid"
-_CHECKOUT = pathlib.Path(__file__).resolve().parents[2]
+_CHECKOUT = pathlib.Path(__file__).resolve().parents[3]
 _SERVER = "/usr/sbin/mariadbd"
 _PATIENCE_SECONDS = 60
 

@@ -7,7 +7,7 @@ import pathlib
 import re
 import subprocess
 
-_GUIDE = pathlib.Path(__file__).resolve().parents[2] / "doc/operating.md"
+_GUIDE = pathlib.Path(__file__).resolve().parents[3] / "doc/operating.md"
 _BLOCK = re.compile(r"^<!-- block: (\S+) -->\n+```\w*\n(.*?)^```$", re.MULTILINE | re.DOTALL)
 
 

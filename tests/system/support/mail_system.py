@@ -21,7 +21,7 @@ from program_run import wait_until
 PATIENCE_SECONDS = 20
 MAILBOXES = pathlib.Path("/var/vmail")
 UNPACKED = pathlib.Path("/sandbox/mailsystem")
-_PACKAGES = pathlib.Path(__file__).resolve().parents[2] / "build/mailsystems"
+_PACKAGES = pathlib.Path(__file__).resolve().parents[3] / "build/mailsystems"
 _ACCOUNT_FILES = [pathlib.Path("/etc", name) for name in
                   ("passwd", "passwd-", "group", "group-", "shadow", "shadow-", "gshadow", "gshadow-",
                    "subuid", "subgid", ".pwd.lock")]

@@ -26,7 +26,7 @@ import sys
 import linux
 import server
 
-CHECKOUT = pathlib.Path(__file__).resolve().parents[2]
+CHECKOUT = pathlib.Path(__file__).resolve().parents[3]
 BUILD = CHECKOUT / "build"
 _SEEN_AT = pathlib.Path("/sandbox/checkout") if CHECKOUT.is_relative_to("/tmp") else CHECKOUT
 PROGRAM = "/sandbox/autoresponder"
