@@ -140,10 +140,10 @@ class Running:
         return ["strace", "-qq", "-o", str(self._folder / "trace"), *options]
 
     def _memcheck(self):
-        return ["valgrind", "--quiet", "--leak-check=full", "--show-leak-kinds=definite",
-                "--errors-for-leak-kinds=definite", f"--suppressions={_HERE / 'memcheck.supp'}",
-                "--child-silent-after-fork=yes",
-                f"--log-file={self._folder / 'memcheck'}"]
+        # valgrind's own files go elsewhere than into a /tmp that a test has made full or read-only.
+        return ["env", f"TMPDIR={self._folder}", "valgrind", "--quiet", "--child-silent-after-fork=yes",
+                "--leak-check=full", "--show-leak-kinds=definite", "--errors-for-leak-kinds=definite",
+                f"--suppressions={_HERE / 'memcheck.supp'}", f"--log-file={self._folder / 'memcheck'}"]
 
     def _left_behind(self):
         """Processes that came with the run and are still there after a moment to be buried."""
