@@ -4,7 +4,6 @@ import os
 
 import sandbox
 from database_test import QUERY_FAILED, DatabaseTest
-from program_run import WATCHED
 from statement_proxy import StatementProxy
 from sweep import PATIENCE_SECONDS
 
@@ -32,8 +31,7 @@ class SilentServer(DatabaseTest):
     def test_that_takes_no_more_of_a_long_statement(self):
         """More than a socket holds: the write waits, and has a time-out of its own."""
         self.skip_if_sanitized("a preloaded library doesn't come before the sanitizers' own")
-        if WATCHED:
-            self.skipTest("memcheck takes longer than the shortened waits")
+        self.skip_if_watched("it takes longer than the shortened waits")
         sender = b"s" * 2_000_000
         self.proxy.spoil(7, "deaf")
         result = self.run_program(message=b"From: " + sender + b"@sender.example\n\n", timeout=60,

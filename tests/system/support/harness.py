@@ -141,6 +141,10 @@ class SystemTest(unittest.TestCase):
         if SANITIZED:
             self.skipTest(f"not under the sanitizers: {reason}")
 
+    def skip_if_watched(self, reason):
+        if program_run.WATCHED:
+            self.skipTest(f"not under memcheck: {reason}")
+
     def need_other_users(self):
         """Skips the case where the sandbox was started by an ordinary user and so knows no other one."""
         if pathlib.Path("/proc/self/uid_map").read_text().split()[2] == "1":

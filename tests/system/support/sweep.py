@@ -134,8 +134,7 @@ class SweepTest(FaultTest, DatabaseTest):
 
     def need_plain_program(self):
         """For faults within the program's process."""
-        if program_run.WATCHED:
-            self.skipTest("memcheck has calls and a malloc of its own")
+        self.skip_if_watched("it has calls and a malloc of its own")
         self.skip_if_sanitized("strace and preloaded libraries don't get along with the sanitizers")
         if program_run.COVERAGE:
             self.skipTest("the counters of a coverage build are written by calls that would fail too")
