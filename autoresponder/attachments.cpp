@@ -70,15 +70,15 @@ size_t encode_lines(const unsigned char* bytes, size_t size, char* lines) {
 }
 
 void write_contents(int fd, ResponseFile& file) {
-    constexpr size_t kBlockBytes = kLinesPerBlock * kBytesPerLine;
+    constexpr size_t kInputBytes = kLinesPerBlock * kBytesPerLine;
     // Not filled with zeros: of a small file only a little is touched.
-    const std::unique_ptr<unsigned char[]> bytes(new unsigned char[kBlockBytes]);
+    const std::unique_ptr<unsigned char[]> bytes(new unsigned char[kInputBytes]);
     const std::unique_ptr<char[]> lines(new char[kLinesPerBlock * (kCharsPerLine + 1) + 1]);
     size_t count;
     do {
-        count = read_full(fd, bytes.get(), kBlockBytes);
+        count = read_full(fd, bytes.get(), kInputBytes);
         file.write({lines.get(), encode_lines(bytes.get(), count, lines.get())});
-    } while (count == kBlockBytes);
+    } while (count == kInputBytes);
 }
 
 void write_attachment(const std::string& directory, const std::string& name,

@@ -1,5 +1,6 @@
-// The program's own writer of the text functions' complaints: it keeps the C++ streams, whose start
-// every run would pay for, out of the program. There is nothing to flush: stderr(3) has no buffer.
+// The program's own writer of the text functions' complaints: it keeps std::cerr and the other
+// standard streams, whose start every run would pay for, out of the program. There is nothing to
+// flush: stderr(3) has no buffer.
 
 #include "lib/text/complaints.h"
 

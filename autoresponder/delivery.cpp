@@ -35,6 +35,7 @@ void deliver_reply(const Mail_content& content) {
         envelope_sender.c_str(), content.sender.c_str(), static_cast<char*>(nullptr));
     const int start_error = errno;
     response.reset();
+    // Never with this library's functions, which end the process where they can't fork.
     if (child < 0) {
         report("autoresponder: Failed to spawn sendmail for response: " + error_text(start_error));
         throw std::runtime_error("Failed to spawn sendmail to send response mail");

@@ -61,6 +61,7 @@ void forward_message(MYSQL* connection, const Mail_content& content,
                                        paths::kSendmail, arguments.data());
     const int start_error = errno;
     message.reset();
+    // Never with this library's functions, which end the process where they can't fork.
     if (child < 0) {
         report("autoresponder: Failed to spawn sendmail for forwarding: " +
                error_text(start_error));

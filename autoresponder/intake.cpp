@@ -60,8 +60,8 @@ std::string address_of(const DwMailbox& mailbox) {
     return address.append("@").append(up_to_nul(view(mailbox.Domain())));
 }
 
-// A view would keep the whole message's text in memory: of one that is shorter than the body there
-// is a copy instead.
+// A view into the message would keep all of it in memory, so a subject that is shorter than the
+// body is copied.
 DwString raw_subject_of(DwMessage& message) {
     if (!message.Headers().HasSubject())
         return DwString();

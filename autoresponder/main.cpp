@@ -13,7 +13,7 @@
 int main(int, char* argv[]) {
     PROGNAME = argv[0];
     prepare_process();
-    autoprepend();
+    autoprepend(); // loads the panel's configuration; where it can't the defaults hold
     Mail_content content;
     take_root_identity();
     forbid_core_dumps();

@@ -76,6 +76,7 @@ void send(const Notification& notification, const Mail_content& content) {
                          notification.client_address.c_str(), static_cast<char*>(nullptr));
     const int start_error = errno;
     read_end.reset();
+    // Never with this library's functions, which end the process where they can't fork.
     if (child < 0) {
         report(
             "autoresponder: Failed to spawn sendmail to notify about missing attachment files: " +

@@ -21,7 +21,8 @@ std::string notification_text(const Notification& notification, const Mail_conte
 
 // Looks the client of the domain up and sends the notification through sendmail. `escaped_domain`
 // is the recipient's domain escaped for SQL. A client without an address is passed over silently;
-// every failure is reported on standard error and leaves the client untold.
+// a failure is reported on standard error and leaves the client untold,
+// but for a fork that fails: it ends the process with status 1 (fork_exec.h).
 void notify_missing_attachments(MYSQL* connection, const Mail_content& content,
                                 const char* escaped_domain, const std::string& reply_to,
                                 const std::string& missing);

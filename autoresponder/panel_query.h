@@ -1,6 +1,6 @@
 #pragma once
 
-// Statements to the panel database. The ordinary failure of one ends the run.
+// Statements to the panel database. One that fails ends the run, but for the notification's.
 
 #include "lib/db/mysql_handles.h"
 

@@ -1,6 +1,7 @@
 #pragma once
 
-// Every outside path and name that the program itself fixes, once.
+// The outside paths and names of the program's own steps. Its temporary files are named in
+// mail_content.cpp; the panel's configuration and password files in lib/conf and lib/db.
 
 namespace paths {
 
@@ -8,8 +9,7 @@ namespace paths {
 inline constexpr char kSendmail[] = "/usr/sbin/sendmail";
 
 // The mail system's message size limit in bytes: qmail-smtpd(8), "databytes".
-inline constexpr char kDatabytes[] = "/var/qmail"
-                                     "/control/databytes";
+inline constexpr char kDatabytes[] = "/var/qmail/control/databytes";
 
 // The folder with a mailbox's attachment files, below the mailbox's own folder.
 inline constexpr char kAttachmentsFolder[] = "@attachments";

@@ -21,25 +21,8 @@ void fill_standard_descriptors() {
             open("/", O_RDONLY | O_DIRECTORY);
 }
 
-// Of what a caller may set, these alone are known to reach the libraries:
-//
-// - The database client's: the server's socket and port (MYSQL_UNIX_PORT, MARIADB_UNIX_PORT,
-//   MYSQL_TCP_PORT), a password (MYSQL_PWD), where plugins lie and which to load at once
-//   (MARIADB_PLUGIN_DIR, LIBMYSQL_PLUGIN_DIR, LIBMYSQL_PLUGINS), whether a password may go out as
-//   it is (LIBMYSQL_ENABLE_CLEARTEXT_PLUGIN), where option files lie (MYSQL_HOME, MARIADB_HOME;
-//   HOME for ~/.my.cnf). "MariaDB Environment Variables" and "Configuring MariaDB Connector/C with
-//   Option Files" in the MariaDB documentation; "Environment Variables" and mysql_real_connect() in
-//   the MySQL 8.0 documentation.
-// - OpenSSL's, where that client is linked with it: OPENSSL_CONF, OPENSSL_CONF_INCLUDE,
-//   OPENSSL_ENGINES, OPENSSL_MODULES, SSL_CERT_DIR, SSL_CERT_FILE, SSLKEYLOGFILE; openssl-env(7).
-//   OPENSSL_ia32cap is read before main() can drop it, and chooses among the processor's features
-//   only.
-// - libidn's CHARSET; "Stringprep Functions" in the libidn manual.
-// - The C library's locale and time zone: LANG, LANGUAGE, LC_*, TZ; locale(7), tzset(3). It drops
-//   LD_PRELOAD, GCONV_PATH and its like itself; ld.so(8), "Secure-execution mode".
-//
-// And others reach what root's children run: BASH_ENV of bash(1), PERL5OPT of perlrun(1),
-// MAIL_CONFIG of postconf(5). No list of these can be complete, so what may stay is listed instead.
+// What a caller's variables can do to the libraries and to root's children is listed in
+// SECURITY.md. No such list can be complete, so what may stay is listed here instead.
 void forget_callers_environment() {
     // clearenv(3) lets go of the list; the texts lie in the process's initial memory.
     const char* recipient = std::getenv(paths::kRecipientVariable);
@@ -54,7 +37,7 @@ void forget_callers_environment() {
 void prepare_process() {
     fill_standard_descriptors();
     // Left to itself, malloc(3) would keep large blocks once it has seen one freed; mallopt(3).
-    mallopt(M_MMAP_THRESHOLD, static_cast<int>(kOwnMemoryBytes));
+    mallopt(M_MMAP_THRESHOLD, static_cast<int>(kMmapThresholdBytes));
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
     if (getauxval(AT_SECURE) != 0) {

@@ -15,7 +15,8 @@ class ResponseFile;
 std::string makeBoundaryStr();
 
 // The reply's subject, not yet encoded: `subject_template` with its variables replaced and at most
-// 999 bytes long, or "Re: " and the incoming subject when the template is empty.
+// 999 bytes long, or "Re: " and the incoming subject when the template is empty. The variables are
+// those of the first `content` of the process; a run has one.
 std::string reply_subject(const std::string& subject_template, const Mail_content& content);
 
 // Composes the reply of `responder` to `content` in `file` and closes it. Throws std::runtime_error

@@ -33,7 +33,7 @@ void ResponseFile::open() {
     if (!file_)
         file_ = take_another_name();
     failed_ = !file_;
-    if (status.st_size > 0)
+    if (status.st_size > 0) // somebody has written to it since it was made
         restart();
 }
 

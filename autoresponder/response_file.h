@@ -25,8 +25,8 @@ public:
     // Makes the file ready to be written from its beginning; creates it where it isn't there.
     void open();
 
-    // Appends `text`: one of kBlockBytes reaches the file at once, smaller ones together or at
-    // flush().
+    // Appends `text`: one of kBlockBytes or more reaches the file at once, smaller ones together
+    // or at flush().
     void write(std::string_view text);
     void flush();
 

@@ -8,7 +8,7 @@ namespace {
 
 // Large enough to be memory of its own, which goes back to the system when it is freed.
 constexpr size_t kPieceBytes = size_t{256} * 1024;
-static_assert(kPieceBytes >= kOwnMemoryBytes);
+static_assert(kPieceBytes >= kMmapThresholdBytes);
 
 // Appends the lines of `text` to `lines`, whose last one its first one continues. Returns whether
 // another line begins in it.

@@ -1,7 +1,7 @@
 // The panel's configuration file, /etc/qrx/qrx.conf (qrx.conf(5)), and its compiled-in defaults.
 //
-// The file is text, one variable a line: NAME, white space, value. "#" starts a comment; a line
-// that defines nothing is skipped with a report. The last definition of a name wins. A line ends
+// The file is text, one variable a line: NAME, white space, value. "#" starts a comment; a
+// malformed line is skipped with a report. The last definition of a name wins. A line ends
 // at its line feed, and what is read of it ends at its first NUL byte. Lines and their number are
 // limited by memory alone.
 //

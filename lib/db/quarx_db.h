@@ -73,7 +73,7 @@ const char* get_param_simple(const char* value, const char* table, const char* k
 // The value of the panel parameter `name`, from the table "misc".
 const char* get_param(const char* name, MYSQL* conn);
 
-// The text escaped for a string literal in a statement on `conn`, which is needed: a new string
+// The text escaped for a string literal in a statement on `conn` (here never null): a new string
 // that the caller frees. Null for null.
 char* escape_mysql_param(MYSQL* conn, const char* text);
 

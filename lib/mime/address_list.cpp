@@ -53,7 +53,7 @@ Inside step(Element& element, const Token& token, Inside inside, bool groups) {
     return Inside::kNothing;
 }
 
-// Reads the element that begins at `begin`. Elements are parted by "," outside of "<...>" and,
+// Reads the element that begins at `begin`. Elements are separated by "," outside of "<...>" and,
 // where there are groups, outside of a group.
 Element read_element(std::string_view list, size_t begin, bool groups) {
     Element element;

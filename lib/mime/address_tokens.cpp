@@ -19,7 +19,7 @@ Token enclosed(TokenKind kind, size_t begin, size_t end, size_t text_size) {
 } // namespace
 
 Token next_token(std::string_view text, size_t at) {
-    while (at < text.size() && (parts_tokens(text[at]) || text[at] == '(')) {
+    while (at < text.size() && (separates_tokens(text[at]) || text[at] == '(')) {
         const size_t begin = at;
         at = text[at] == '(' ? skip_comment(text, at) : at + 1;
         if (at == std::string_view::npos)

@@ -11,8 +11,8 @@ constexpr bool is_blank(char c) {
     return c == ' ' || c == '\t';
 }
 
-// What parts tokens: every byte up to the space. 8-bit bytes belong to words.
-constexpr bool parts_tokens(char c) {
+// What separates tokens: every byte up to the space. 8-bit bytes belong to words.
+constexpr bool separates_tokens(char c) {
     return static_cast<unsigned char>(c) <= ' ';
 }
 

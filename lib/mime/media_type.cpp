@@ -59,7 +59,7 @@ public:
 private:
     void skip_space() {
         while (at_ < text_.size()) {
-            if (mime::parts_tokens(text_[at_]))
+            if (mime::separates_tokens(text_[at_]))
                 ++at_;
             else if (text_[at_] == '(')
                 at_ = std::min(mime::skip_comment(text_, at_), text_.size());

@@ -459,5 +459,5 @@ int DwDecodeBase64(const DwString& source, DwString& dest);
 
 // Line by line (LF): blanks and CR at a line's end go; "=" as a line's last byte joins it with the
 // next; "=" and two hexadecimal digits are a byte. Malformed: any other "=", which stays. Lines
-// that are not joined are parted by LF; nothing is added at the end.
+// that are not joined are separated by LF; nothing is added at the end.
 int DwDecodeQuotedPrintable(const DwString& source, DwString& dest);

@@ -39,6 +39,7 @@ unsigned base64Take(std::string_view text, size_t& pos, Complaints& complaints) 
     }
     return 0;
 }
+
 } // namespace
 
 std::string decode_groups(std::string_view text) {

@@ -8,13 +8,14 @@
 namespace quarx {
 
 // Writes whole lines to standard error at once. The library's own, alone in its object file, writes
-// to std::cerr. A program that has no other use for streams may define the function itself, with
-// the same bytes: the archive's is then left out of it, and with it the streams and their start
-// (ld(1), on members of archives).
+// to std::cerr. A program that has no other use for that stream may define the function itself,
+// with the same bytes: the archive's is then left out of it, and with it the eight standard streams
+// and their start (ld(1), on members of archives).
 void write_complaints(std::string_view lines);
 
 // Lines about malformed input, written to standard error in the order they come and in large
-// pieces: a hostile text has millions of them.
+// pieces: a hostile text has millions of them. One for each encoded word, so that nothing is lost
+// to an exception that nobody catches, which runs no destructors.
 class Complaints {
 public:
     Complaints() = default;

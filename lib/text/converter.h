@@ -21,10 +21,11 @@ public:
 
     bool is_open() const { return cd_ != kNone; }
 
-    // Whether the result is the same however the text is cut up into calls. It is not for targets
-    // such as "...//IGNORE" and "...//TRANSLIT", nor where a source that holds back a letter for
-    // the accent behind it (CP1255) meets a target that lacks the letter; UTF-8 has all and holds
-    // none. In UTF-7 it is for pieces that end behind a blank.
+    // Whether the result stays the same when the text is cut up into several calls. It does where
+    // one side is UTF-8; not so for targets with a suffix ("...//IGNORE", "...//TRANSLIT"), nor for
+    // IBM1390 and IBM1399, which lose a letter that they hold back between two calls. Elsewhere a
+    // source may hold one back (CP1255) that the target lacks. From UTF-7 only cuts behind a blank
+    // are safe.
     bool may_cut() const { return may_cut_; }
     bool is_from_utf7() const { return is_from_utf7_; }
 

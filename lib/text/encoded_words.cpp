@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdint>
 #include <cstdlib>
 #include <map>
 #include <stdexcept>
@@ -92,8 +91,9 @@ void rfc1522_decode_word(std::string_view word, LoadedCharsets& charsets, std::s
     if (!trailing.empty())
         complain("wrong rfc1522 sequence (trailing stuff): ", word);
     const std::string charset(word.substr(2, q1 - 2));
-    const std::string decoded = decode_data(word.substr(q1 + 1, q2 - q1 - 1), //
-                                            word.substr(q2 + 1, end - q2 - 1));
+    const std::string_view encoding = word.substr(q1 + 1, q2 - q1 - 1);
+    const std::string_view data = word.substr(q2 + 1, end - q2 - 1);
+    const std::string decoded = decode_data(encoding, data);
     charsets.keep(charset);
     iconvRecodePieces(decoded, charset, "utf-8", true,
                       [&](std::string_view piece) { result += piece; });
@@ -102,12 +102,9 @@ void rfc1522_decode_word(std::string_view word, LoadedCharsets& charsets, std::s
 
 // Whether the run of blanks text[ws, next) stands between two encoded words. `next` may be npos.
 bool is_between_words(const std::string& text, size_t ws, size_t next) {
-    // In 32 bits npos wraps to 1 and passes: a text that ends in "?=" and blanks fails below. This
-    // is meant; callers know that failure.
-    const std::uint32_t look_ahead_end = static_cast<std::uint32_t>(next) + 2;
-    if (ws < 2 || look_ahead_end > text.size() || text.compare(ws - 2, 2, "?=") != 0)
+    if (ws < 2 || text.compare(ws - 2, 2, "?=") != 0)
         return false;
-    if (next == std::string::npos)
+    if (next == std::string::npos) // blanks at the end: meant, callers know this failure
         throw std::out_of_range("basic_string::substr");
     return text.compare(next, 2, "=?") == 0;
 }

@@ -37,9 +37,9 @@ private:
             blank_ = text_.find_first_of(" \n", last);
         const size_t end = blank_ < text_.size() ? blank_ + 1 : text_.size();
         const size_t more = end - at - window;
-        if (more > patience_)
+        if (more > extra_bytes_left_)
             return window;
-        patience_ -= more;
+        extra_bytes_left_ -= more;
         return window + more;
     }
 
@@ -47,7 +47,7 @@ private:
     std::string_view text_;
     size_t blank_ = 0; // the first at or behind the last place that was asked for
     // How many bytes to show beyond the windows, for invalid text that would be read over and over.
-    size_t patience_ = size_t{16} << 20;
+    size_t extra_bytes_left_ = size_t{16} << 20;
 };
 
 // What takes a piece of the result; `left` bytes of the text are still to come.

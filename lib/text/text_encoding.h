@@ -18,15 +18,15 @@ namespace quarx {
 // `text` recoded from charset `from` to charset `to`, both named as iconv_open(3) knows them.
 // With `skipInvalid` each byte at which no valid sequence starts becomes one "?"; without it such
 // a byte is an error. No closing shift sequence is written for stateful targets.
-// A name of more than 256 bytes counts as unknown. The result is at most 16 times as long as the
-// text, and 64 bytes (the GNU C library's charsets stay below 8 times on the way to UTF-8).
+// A name of more than 256 bytes counts as unknown. The result is at most 16 times the length of
+// the text plus 64 bytes (the GNU C library's charsets stay below 8 times on the way to UTF-8).
 // Throws std::runtime_error: a charset is unknown, a sequence is invalid (without `skipInvalid`) or
 // cut off by the end of the text; `errno` is then what the failing iconv call left.
 // Each byte that becomes "?" costs some 40 ns on the way to or from UTF-8. Between two other
 // charsets, and to targets such as "...//IGNORE", it can be 10 microseconds: iconv(3) is shown all
-// of the text there, and has read thousands of characters ahead, which it reads again. UTF-7 that
-// is invalid over and over and has no blanks gives what one pass of iconv(3) over all of it would
-// for as long as that takes reading no more than 16 MiB again.
+// of the text there, and has read thousands of characters ahead, which it reads again. For
+// invalid UTF-7 without blanks the result is that of a single pass of iconv(3) while no more than
+// 16 MiB have to be read again for it; after that it may differ.
 std::string iconvRecode(const std::string& text, const std::string& from, const std::string& to,
                         bool skipInvalid);
 

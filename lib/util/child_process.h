@@ -5,8 +5,8 @@
 
 #include "owners.h"
 #include "unique_fd.h"
-#include <array>
 
+#include <array>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdlib>

@@ -29,8 +29,9 @@ extern char* PROGNAME;
 // when status is not 0. flag: never read.
 void ex_messlog(const char* text, int status, int flag);
 
-// The state of the levelled channel, changed by quarx_log_init alone. A message is written when
-// LogEnabled is not 0 and its level is not above LogLevel.
+// The state of the levelled channel, changed by quarx_log_init alone. The console back-end writes a
+// message when LogEnabled is not 0 and its level is not above LogLevel; syslog(3) gets every one
+// (see setlogmask(3)).
 extern int LogFacility, LogLevel, LogEnabled;
 
 // The channel's back-end: the console or syslog.
@@ -43,8 +44,8 @@ extern int LogFacility, LogLevel, LogEnabled;
 [[gnu::format(printf, 2, 3)]] void _quarx_utility_log(int level, const char* format, ...);
 [[gnu::format(printf, 2, 0)]] void _quarx_utility_logv(int level, const char* format, va_list args);
 
-// Chooses the back-end. A level below 1 switches logging off. target null: syslog(3), opened anew
-// with ident (kept by syslog, so it must stay valid), options and LOG_PID, and facility.
+// Chooses the back-end. A level below 1 switches the console off. target null: syslog(3), opened
+// anew with ident (kept by syslog, so it must stay valid), options and LOG_PID, and facility.
 // Another target: the console, and a target that does not begin with "console" (in any case of
-// letters) switches logging off.
+// letters) switches it off.
 void quarx_log_init(const char* target, int level, int facility, int options, const char* ident);

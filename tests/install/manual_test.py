@@ -19,7 +19,7 @@ import results
 PAGES, PRINT_VALUE = pathlib.Path(sys.argv[1]), sys.argv[2]
 PROGRAM_PAGE, CONFIGURATION_PAGE = PAGES / "autoresponder.8", PAGES / "qrx.conf.5"
 
-# Rooms of the library that the program doesn't use, and texts of its other rooms that only functions
+# Files of the library that the program doesn't use, and texts of its other files that only functions
 # report which the program doesn't call.
 NOT_USED = {"popen_exec.cpp", "reported_exec.cpp", "util_exec.cpp", "child_output.cpp"}
 NOT_REPORTED = {

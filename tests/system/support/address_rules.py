@@ -95,7 +95,7 @@ def _end_of_enclosed(value, start):
 
 
 def _elements(tokens, groups):
-    """The tokens parted at commas, but for those in <...> and in a group, whose ":" becomes a token "group"."""
+    """The tokens separated by commas, but for those in <...> and in a group, whose ":" becomes a token "group"."""
     elements, closing = [[]], None
     for kind, text in tokens:
         special = text if kind == "special" else None
@@ -143,7 +143,7 @@ def _address(tokens):
 
 
 def _dotted(tokens, other_kind):
-    """The texts put together when they are words, or of the other kind, parted by any dots; else None."""
+    """The texts put together when they are words, or of the other kind, separated by any dots; else None."""
     after_word = False
     for kind, text in tokens:
         is_dot = (kind, text) == ("special", ".")

@@ -34,7 +34,7 @@ def run_block(name):
 
 
 def run_sql(name):
-    """Runs the block as the database's root; returns the rows as mariadb writes them, columns parted by tabs."""
+    """Runs the block as the database's root; returns the rows as mariadb writes them, columns separated by tabs."""
     done = subprocess.run(["mariadb", "--no-defaults", "--batch", "--skip-column-names", "-uroot"], input=block(name),
                           capture_output=True, text=True, check=True)
     return done.stdout
