@@ -96,9 +96,8 @@ std::string reply_subject(const std::string& subject_template, const Mail_conten
     if (subject_template.empty())
         return "Re: " + content.subject;
     constexpr unsigned kCapacity = 999;
-    constexpr uint32_t kStrict = 2;
     std::array<char, kCapacity + 1> subject{};
-    repl_ctl control{0, 0, kStrict, 0};
+    repl_ctl control{0, 0, kKeepUnknown, 0};
     templ_replace('<', '>', autoresp_templs(content), kVariableCount, subject_template.c_str(),
                   subject.data(), kCapacity, &control);
     subject[control.written] = '\0';

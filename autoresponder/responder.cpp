@@ -32,16 +32,13 @@ struct Run {
     std::string attachments_directory;
 };
 
-// Room for `text` escaped for SQL. No room ends the run.
-OwnedText escape_buffer(const std::string& text) {
-    OwnedText buffer(static_cast<char*>(std::malloc(text.size() * 2 + 1)));
-    if (!buffer)
+// `text` escaped for SQL. No memory for it ends the run.
+OwnedText escaped_for_sql(const std::string& text) {
+    OwnedText escaped(static_cast<char*>(std::malloc(text.size() * 2 + 1)));
+    if (!escaped)
         report_and_exit("autoresponder: Unable to alloc memory");
-    return buffer;
-}
-
-void escape_into(char* buffer, const std::string& text) {
-    mysql_escape_string(buffer, text.data(), text.size());
+    mysql_escape_string(escaped.get(), text.data(), text.size());
+    return escaped;
 }
 
 void answer(const Run& run, const Responder& responder) {
@@ -86,10 +83,8 @@ void handle_or_end_run(const Run& run, MYSQL_ROW row) {
 int db_mail_act(Mail_content* content) {
     // mysql_escape_string() reads what only the client library's start sets up.
     quarx_db_start_client();
-    const OwnedText domain = escape_buffer(content->domain);
-    const OwnedText mailname = escape_buffer(content->mailname);
-    escape_into(domain.get(), content->domain);
-    escape_into(mailname.get(), content->mailname);
+    const OwnedText domain = escaped_for_sql(content->domain);
+    const OwnedText mailname = escaped_for_sql(content->mailname);
 
     const MysqlConnection connection(db_connect());
     if (!connection)

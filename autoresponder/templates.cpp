@@ -9,12 +9,6 @@
 
 namespace {
 
-// Bits of repl_ctl::options and repl_ctl::result.
-constexpr uint32_t kValuesWhole = 1;
-constexpr uint32_t kKeepUnknown = 2;
-constexpr uint32_t kValueLeftOut = 1;
-constexpr uint32_t kUnknownMet = 2;
-
 // How many characters behind an opening one are looked at: a name and its closing character.
 constexpr size_t kScanned = 33;
 

@@ -19,12 +19,19 @@ struct par_templ {
 struct repl_ctl {
     uint32_t consumed; // out: characters of the source that were used up
     uint32_t written;  // out: characters put into the output
-    uint32_t options;  // in: bit 0: a value that does not fit is left out whole, and all behind it;
-                       //     else it is cut. Bit 1: an unknown variable stays as it is written;
-                       //     else it is removed
-    uint32_t result;   // out: bit 0: a value was left out for lack of room. Bit 1: an unknown
-                       //     variable was met while it had to stay
+    uint32_t options;  // in: kValuesWhole, kKeepUnknown
+    uint32_t result;   // out: kValueLeftOut, kUnknownMet
 };
+
+// Options. A value that does not fit is left out whole, and all behind it; else it is cut.
+inline constexpr uint32_t kValuesWhole = 1;
+// An unknown variable stays as it is written; else it is removed.
+inline constexpr uint32_t kKeepUnknown = 2;
+
+// Results. A value was left out for lack of room.
+inline constexpr uint32_t kValueLeftOut = 1;
+// An unknown variable was met while it had to stay.
+inline constexpr uint32_t kUnknownMet = 2;
 
 // Substitutes the variables of `src`, bracketed by `open` and `close`, from the `count` entries of
 // `table`, and writes the text to `dst`, which it returns. At most `dstsize` characters are written

@@ -2,7 +2,7 @@
 #include "fuzz.h"
 #include "lib/conf/qrx_conf.h"
 #include "memory_file.h"
-#include "tests/unit/conf_reader_twin.h"
+#include "tests/twins/conf_reader_twin.h"
 
 #include <memory>
 

@@ -4,9 +4,9 @@
 
 #include "autoresponder/mail_content.h"
 #include "autoresponder/response_file.h"
-#include "fault.h"
-#include "isolated.h"
 #include "lib/db/quarx_db.h"
+#include "support/fault.h"
+#include "support/isolated.h"
 #include "support/panel.h"
 
 #include <algorithm>

@@ -2,7 +2,7 @@
 
 #include "lib/conf/qrx_conf.h"
 #include "lib/util/messlog.h"
-#include "tests/unit/conf_reader_twin.h"
+#include "tests/twins/conf_reader_twin.h"
 
 #include <cerrno>
 #include <climits>

@@ -1,8 +1,8 @@
 #include "lib/util/fork_exec.h"
 
-#include "children.h"
-#include "fault.h"
-#include "isolated.h"
+#include "support/children.h"
+#include "support/fault.h"
+#include "support/isolated.h"
 
 #include <cerrno>
 #include <csignal>

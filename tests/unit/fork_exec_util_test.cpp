@@ -1,9 +1,9 @@
 #include "lib/util/fork_exec.h"
 
-#include "children.h"
-#include "fault.h"
-#include "isolated.h"
 #include "lib/conf/qrx_conf.h"
+#include "support/children.h"
+#include "support/fault.h"
+#include "support/isolated.h"
 
 #include <cerrno>
 #include <cstdarg>

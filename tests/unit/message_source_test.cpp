@@ -3,9 +3,9 @@
 #include "autoresponder/message_source.h"
 
 #include "autoresponder/intake.h"
-#include "fault.h"
-#include "isolated.h"
 #include "lib/util/unique_fd.h"
+#include "support/fault.h"
+#include "support/isolated.h"
 #include "support/sandbox_test.h"
 
 #include <cerrno>

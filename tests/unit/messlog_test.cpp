@@ -1,7 +1,7 @@
 #include "lib/util/messlog.h"
 
-#include "fault.h"
-#include "isolated.h"
+#include "support/fault.h"
+#include "support/isolated.h"
 
 #include <cerrno>
 #include <cstdio>

@@ -1,6 +1,6 @@
 // The database client's archive without a TLS library, as the program is linked with it.
 
-#include "fake_server.h"
+#include "support/fake_server.h"
 
 #include <errmsg.h>
 #include <gtest/gtest.h>

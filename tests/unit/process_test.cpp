@@ -3,7 +3,7 @@
 
 #include "autoresponder/process.h"
 
-#include "isolated.h"
+#include "support/isolated.h"
 #include "support/sandbox_test.h"
 
 #include <algorithm>

@@ -2,7 +2,7 @@
 // loads the file in a process of its own, because a process does so once.
 
 #include "lib/conf/qrx_conf.h"
-#include "tests/unit/isolated.h"
+#include "support/isolated.h"
 
 #include <cerrno>
 #include <cstdlib>

@@ -1,9 +1,9 @@
 // Connecting, to the sandbox's database server and to servers that misbehave.
 
 #include "lib/db/quarx_db.h"
-#include "tests/unit/fake_server.h"
-#include "tests/unit/isolated.h"
-#include "tests/unit/panel_database.h"
+#include "support/fake_server.h"
+#include "support/isolated.h"
+#include "support/panel_database.h"
 
 #include <cerrno>
 #include <chrono>

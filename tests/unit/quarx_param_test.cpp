@@ -2,9 +2,9 @@
 
 #include "lib/db/quarx_db.h"
 #include "lib/util/owners.h"
-#include "tests/unit/fake_server.h"
-#include "tests/unit/isolated.h"
-#include "tests/unit/panel_database.h"
+#include "support/fake_server.h"
+#include "support/isolated.h"
+#include "support/panel_database.h"
 
 #include <cerrno>
 #include <functional>

@@ -4,7 +4,7 @@
 #include "autoresponder/reply.h"
 
 #include "autoresponder/mail_content.h"
-#include "isolated.h"
+#include "support/isolated.h"
 
 #include <cstdlib>
 #include <gtest/gtest.h>

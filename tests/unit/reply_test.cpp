@@ -6,8 +6,8 @@
 #include "autoresponder/mail_content.h"
 #include "autoresponder/responder_row.h"
 #include "autoresponder/response_file.h"
-#include "isolated.h"
 #include "lib/text/idn.h"
+#include "support/isolated.h"
 #include "support/sandbox_test.h"
 
 #include <filesystem>

@@ -3,7 +3,7 @@
 #include "autoresponder/responder.h"
 
 #include "autoresponder/mail_content.h"
-#include "isolated.h"
+#include "support/isolated.h"
 #include "support/panel.h"
 #include "support/spawned.h"
 

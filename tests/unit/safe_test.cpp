@@ -1,8 +1,8 @@
 #include "lib/util/safe.h"
 
-#include "fault.h"
-#include "isolated.h"
 #include "lib/util/messlog.h"
+#include "support/fault.h"
+#include "support/isolated.h"
 
 #include <cerrno>
 #include <cstdlib>

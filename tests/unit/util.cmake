@@ -10,7 +10,7 @@ qrx_util_test(safe_test)
 
 function(qrx_exec_test name)
     qrx_util_test(${name} quarx_exec)
-    target_sources(${name} PRIVATE children.cpp)
+    target_sources(${name} PRIVATE support/children.cpp)
 endfunction()
 
 qrx_exec_test(fork_exec_test)

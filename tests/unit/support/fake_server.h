@@ -4,7 +4,7 @@
 // client/server protocol of MySQL 4.1 and later (MariaDB knowledge base, "Client/Server Protocol")
 // as far as a connection and a first answer need it.
 
-#include "tests/unit/panel_database.h"
+#include "panel_database.h"
 
 #include <functional>
 #include <string>

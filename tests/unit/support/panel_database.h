@@ -3,8 +3,8 @@
 // The sandbox's panel database as a test sees it: its own connection, its password file, and a
 // server that is away.
 
+#include "client_calls.h"
 #include "lib/db/mysql_handles.h"
-#include "tests/unit/client_calls.h"
 
 #include <filesystem>
 #include <fstream>
