@@ -45,7 +45,7 @@ char* templ_replace(char open, char close, const par_templ* table, unsigned coun
                     char* dst, unsigned dstsize, repl_ctl* ctl);
 
 // The index of the entry called `name` in the sorted `table` of `count` entries, -1 for none and
-// for a null `name` or `table`. Which of several entries of one name is open.
+// for a null `name` or `table`. Of several entries of one name, the first that the halving meets.
 int templ_found(const char* name, const par_templ* table, int count);
 
 // Sorts the `count` entries of `table` by name, in place. Entries of one name may change order.

@@ -118,6 +118,15 @@ class Count(FrequencyTest):
         self.sql("alter table resp_freq modify num int null")
         self.assert_counted(-5, -4, ans_freq="1")
 
+    def test_goes_into_the_statement_as_the_text_that_was_read(self):
+        """Also where that isn't how the program would write the number."""
+        self.sql("alter table resp_freq modify num varchar(10)")
+        responder = self.furnish()
+        self.panel.answered(responder, SENDER, num="007.50")
+        result, statements = self.run_recorded()
+        self.assert_ended(result)
+        self.assertEqual(statements[6], raise_count(responder, "007.50"))
+
     def test_null_is_below_a_limit_of_1(self):
         self.assert_counted(None, 1, ans_freq="1")
 

@@ -162,3 +162,12 @@ class Order(DatabaseTest):
         calls = re.findall(r"^(pipe2|clone3?|v?fork|close\(\d+<pipe|write\(\d+<pipe|wait4)", trace, re.MULTILINE)
         names = [re.sub(r"\d+", "N", call) for call in calls]
         self.assertEqual(names[:6], ["pipeN", names[1], "close(N<pipe", "write(N<pipe", "close(N<pipe", "waitN"])
+
+    def test_a_file_that_sendmail_reads_is_closed_in_the_program_before_the_wait(self):
+        """The copy of the message for a forward, then the reply, behind the closing of what it was written to."""
+        self.panel.forward(self.first, "a@two.example")
+        trace = self.run_program(strace=["-y", "-e", "signal=none"]).trace
+        calls = re.findall(r"^(open\w*\(.*\"/tmp/qrx-.*O_RDONLY|close\(\d+</tmp/qrx-|wait4)", trace, re.MULTILINE)
+        names = [call.partition("(")[0] for call in calls]
+        self.assertEqual(names[names.index("openat"):],
+                         ["openat", "close", "wait4", "close", "openat", "close", "wait4"])

@@ -46,6 +46,16 @@ class SeveralReplies(SystemTest):
                              [reply(b"one\n"), reply(b"two\n", attachments=[("a", b"A")], number=2),
                               reply(b"three\n", attachments=[("a", b"A")], number=3)])
 
+    def test_a_responder_that_does_not_reply_uses_no_boundary_up(self):
+        self.sql("update mail_resp set resp_on='false'")
+        self.another(text="none\n", key_where="subj", keystr="no such word")
+        self.another(text="none\n", ans_freq="0")
+        replying = self.another(text="one\n")
+        self.panel.attachment(replying, "a", b"A")
+        result = self.run_program()
+        self.assert_ended(result)
+        self.assertEqual([mail.stdin for mail in result.mails], [reply(b"one\n", attachments=[("a", b"A")])])
+
     def test_a_short_reply_after_a_long_one_holds_nothing_of_it(self):
         self.sql("update mail_resp set text=%s", "x" * 60000)
         self.another(text="short")

@@ -109,6 +109,7 @@ class ConfStore : public testing::Test {
 protected:
     void SetUp() override {
         reports.clear();
+        asked_of_realloc = 0;
         quarx_log = record;
         file_ = memfd_create("qrx.conf", MFD_CLOEXEC);
         ASSERT_NE(file_, -1);
@@ -383,12 +384,13 @@ TEST_F(ConfReader, no_memory_for_a_first_array) {
     EXPECT_EQ(reported(), "");
 }
 
-TEST_F(ConfReader, no_memory_for_a_line) {
-    failing_getdelim = 2;
-    EXPECT_EQ(read("A b\nB c\n"), -1);
+TEST_F(ConfReader, no_memory_for_a_line_leaves_those_before_it_sorted) {
+    failing_getdelim = 3;
+    EXPECT_EQ(read("B c\nA b\nC d\n"), -1);
     EXPECT_EQ(errno, ENOMEM);
     EXPECT_EQ(reported(), "[12]Unable to read configuration file: Cannot allocate memory");
-    EXPECT_EQ(entries(), "<A=b>");
+    EXPECT_EQ(entries(), "<A=b><B=c>");
+    EXPECT_EQ(store_->sorted, 1);
 }
 
 TEST_F(ConfReader, no_memory_for_a_definition_ends_the_reading) {
@@ -489,6 +491,17 @@ TEST_F(ConfStore, a_capacity_that_cannot_double_grows_to_the_bound) {
     store_->count = 0;
 }
 
+TEST_F(ConfStore, a_count_that_20_can_not_be_added_to_grows_to_the_bound) {
+    ASSERT_EQ(conf_init_r(store_.get()), 0);
+    store_->capacity = 5;
+    store_->count = UINT_MAX - 10;
+    failing_realloc = 1;
+    EXPECT_EQ(conf_init_r(store_.get()), -1);
+    EXPECT_EQ(asked_of_realloc, size_t{UINT_MAX} * sizeof(conf_entry));
+    store_->capacity = 20;
+    store_->count = 0;
+}
+
 TEST_F(ConfStore, a_set_value_is_a_copy) {
     char name[] = "A";
     char value[] = "b";
@@ -536,6 +549,15 @@ TEST_F(ConfStore, names_are_found_before_and_after_sorting) {
     for (const char* const name : {"A", "B", "C", "D"})
         EXPECT_EQ(value_of(store_, name), name) << "sorted";
     EXPECT_EQ(value_of(store_, "E"), "(null)");
+}
+
+TEST_F(ConfStore, a_store_marked_as_sorted_is_searched_by_halves) {
+    for (const char* const name : {"D", "B", "C", "A"})
+        ASSERT_EQ(conf_set_r(name, name, store_.get()), 0);
+    store_->sorted = 1; // which isn't true, so that a search by halves misses the first
+    EXPECT_EQ(value_of(store_, "D"), "(null)");
+    store_->sorted = 0;
+    EXPECT_EQ(value_of(store_, "D"), "D");
 }
 
 TEST_F(ConfStore, a_store_marked_as_sorted_is_left_in_its_order) {

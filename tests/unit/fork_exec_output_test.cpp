@@ -458,6 +458,22 @@ TEST(ForkExeclGetout, TakesItsArgumentsAsAList) {
     EXPECT_EQ(outcome.result, "0|name|a b|1\n");
 }
 
+TEST(ForkExeclGetouterrAndGetout, FreeTheVector) {
+    const Outcome outcome = isolated::run([] {
+        const auto run = [] {
+            char* out;
+            char* err;
+            fork_execl_getouterr(&out, &err, kShell, "sh", "-c", "seq 2000", nullptr);
+            take(out);
+            take(err);
+            fork_execl_getout(&out, kShell, "sh", "-c", "seq 2000", nullptr);
+            take(out);
+        };
+        return std::to_string(kept_by_calls(run));
+    });
+    EXPECT_EQ(outcome.result, "0");
+}
+
 TEST(ForkExeclGetouterrAndGetout, WithoutMemoryForTheVectorEndTheProcess) {
     if (!fault::kMemoryFaults)
         GTEST_SKIP() << fault::kNoMemoryFaults;

@@ -168,6 +168,13 @@ TEST(PopenExec, ReportsAFailureWithoutOutput) {
     EXPECT_EQ(outcome.result, "255");
 }
 
+TEST(PopenExec, FreesTheOutput) {
+    const Outcome outcome = isolated::run([] {
+        return std::to_string(kept_by_calls([] { popen_exec("head -c 50000 /dev/zero; exit 3"); }));
+    });
+    EXPECT_EQ(outcome.result, "0");
+}
+
 TEST(PopenExec, ReportsACommandThatCannotBeStarted) {
     const Outcome outcome = isolated::run([] {
         exhaust_descriptors();

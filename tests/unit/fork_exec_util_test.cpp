@@ -94,6 +94,16 @@ TEST(ForkExecvLog, QuietModeIsSilent) {
     EXPECT_EQ(outcome.result, "3");
 }
 
+TEST(ForkExecvLog, FreesTheOutputsAndTheVector) {
+    const Outcome outcome = isolated::run([] {
+        const auto run = [] {
+            fork_execl_log(0, kShell, "sh", "-c", "seq 2000; seq 2000 >&2; exit 3", nullptr);
+        };
+        return std::to_string(kept_by_calls(run));
+    });
+    EXPECT_EQ(outcome.result, "0");
+}
+
 TEST(ForkExecvLog, GivesSigpipeItsDefaultBack) {
     const Outcome outcome = isolated::run(
         [] { return std::to_string(fork_execv_log(1, kShell, script(kSigpipeScript).get())); });

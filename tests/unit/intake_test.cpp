@@ -2,8 +2,12 @@
 
 #include "autoresponder/intake.h"
 
+#include "lib/util/unique_fd.h"
+#include "support/isolated.h"
+#include "support/operator_new.h"
 #include "support/taken_in.h"
 
+#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -240,6 +244,36 @@ TEST_F(Intake, BodyAndSubjectAreReportedInThisOrder) {
     EXPECT_EQ(taken.result, 0);
     EXPECT_EQ(taken.reported, "Could not convert message body text from none-such to UTF-8.\n"
                               "Could not convert message subject text from none-such to UTF-8.\n");
+}
+
+// Not even where a text's conversion is given up for another error.
+TEST_F(Intake, ExhaustedMemoryIsCaughtNowhere) {
+    write_file("/tmp/input", "From: Joe <joe@example.org>\n"
+                             "Subject: =?iso-8859-1?Q?" +
+                                 std::string(60, 'x') +
+                                 "?=\n"
+                                 "Content-Type: text/plain; charset=iso-8859-1\n\n" +
+                                 std::string(200'000, '\xFC'));
+    setenv("RESP_RECIPIENT", "info@example.com", 1);
+    const auto take_in_without = [](size_t call) {
+        return isolated::run([=] {
+            const UniqueFd input(open("/tmp/input", O_RDONLY | O_CLOEXEC));
+            dup2(input.get(), STDIN_FILENO);
+            Mail_content content;
+            operator_new.refused_call = operator_new.calls + call;
+            const int result = parse_message(&content);
+            const bool was_refused = operator_new.calls >= operator_new.refused_call;
+            operator_new.refused_call = 0;
+            return std::to_string(result) + (was_refused ? " refused" : " granted");
+        });
+    };
+    size_t call = 1;
+    isolated::Outcome outcome = take_in_without(call);
+    for (; outcome.signal == SIGABRT; outcome = take_in_without(++call))
+        EXPECT_EQ(outcome.err, "terminate called after throwing an instance of 'std::bad_alloc'\n"
+                               "  what():  std::bad_alloc\n");
+    EXPECT_EQ(outcome.result, "0 granted") << "call " << call << ", " << outcome.err;
+    EXPECT_GT(call, 20U);
 }
 
 TEST_F(Intake, DateIsNotLookedInto) {

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
+#include <functional>
 #include <gtest/gtest.h>
 #include <string>
 #include <syslog.h>
@@ -129,6 +130,36 @@ TEST(Messlog2, WritesTheMessageTwiceWhereBothStreamsGoToOnePlace) {
                        return std::string();
                    }),
                    kReturned, "", "prog: x\nprog: x\n");
+}
+
+// Both streams are buffered whole, as in a process whose output is a file, and record their
+// flushes.
+std::string order_of_flushes(const std::function<void()>& log) {
+    return isolated::run([&] {
+               static std::string flushed;
+               const auto recording = [](const char* name) {
+                   cookie_io_functions_t functions{};
+                   functions.write = [](void* stream, const char* text, size_t size) {
+                       flushed += static_cast<const char*>(stream);
+                       flushed.append(text, size);
+                       return static_cast<ssize_t>(size);
+                   };
+                   return fopencookie(const_cast<char*>(name), "w", functions);
+               };
+               stdout = recording("out:");
+               stderr = recording("err:");
+               log();
+               return flushed;
+           })
+        .result;
+}
+
+TEST(Messlog2, FlushesStandardErrorThenStandardOutput) {
+    EXPECT_EQ(order_of_flushes([] { messlog2(0, 0, "x"); }), "err:prog: x\nout:prog: x\n");
+}
+
+TEST(LevelledLog, FlushesStandardErrorThenStandardOutput) {
+    EXPECT_EQ(order_of_flushes([] { quarx_log(1, "x"); }), "err:x\nout:x\n");
 }
 
 TEST(Messlog2, PrefixIsTheLastComponentOfProgname) {

@@ -79,11 +79,10 @@ TEST_F(PipestreamTest, FlushWritesAtOnce) {
 
 TEST_F(PipestreamTest, BufferHoldsBackLessThan8192Bytes) {
     ofd_pipestream stream(write_end);
-    for (int i = 0; i < 8000; ++i)
+    for (int i = 0; i < 8191; ++i)
         stream << 'x';
     EXPECT_EQ(received(), "EMPTY");
-    for (int i = 0; i < 193; ++i)
-        stream << 'x';
+    stream << 'x';
     EXPECT_NE(received(), "EMPTY");
 }
 
@@ -150,8 +149,11 @@ TEST_F(PipestreamTest, ReaderThatIsGoneFailsTheStreamAndNothingElse) {
 
 struct CountingClose {
     static inline int closed = 0;
+    static inline int descriptor = -1; // of the stream's own buffer
+    static inline bool buffer_was_open = false;
     static void close(FILE* handle) {
         ++closed;
+        buffer_was_open = is_open(descriptor);
         PipeCloseStrategy::close(handle);
     }
 };
@@ -161,12 +163,14 @@ public:
     HandleStreamOfTest(FILE* handle, int fd) : basic_handlestream(handle, fd) {}
 };
 
-TEST_F(PipestreamTest, HandleIsClosedOnce) {
+TEST_F(PipestreamTest, HandleIsClosedOnceAndBeforeTheBuffer) {
     FILE* command = popen("exit 3", "w");
     ASSERT_NE(command, nullptr);
     CountingClose::closed = 0;
+    CountingClose::descriptor = write_end;
     { HandleStreamOfTest stream(command, write_end); }
     EXPECT_EQ(CountingClose::closed, 1);
+    EXPECT_TRUE(CountingClose::buffer_was_open);
     EXPECT_FALSE(is_open(write_end));
 }
 

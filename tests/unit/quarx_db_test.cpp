@@ -256,11 +256,32 @@ TEST_F(QuarxDbFailure, no_descriptor_is_left_open) {
     EXPECT_EQ(after, before);
 }
 
-TEST_F(QuarxDbFailure, the_text_is_cut_to_the_buffer) {
+// Fails to connect with room for 22 bytes, and what the buffer then holds up to the 25th.
+std::string text_in_a_small_buffer() {
+    char buffer[] = "0123456789012345678901234567890123456789";
+    EXPECT_EQ(quarx_db_connect(buffer, 22), nullptr);
+    return {buffer, 25};
+}
+
+TEST_F(QuarxDbFailure, each_text_is_cut_to_the_buffer) {
+    client_calls.query_instead = "SET NAMES nonsense";
+    EXPECT_EQ(text_in_a_small_buffer(), "DB error (set names q\0"s + "234");
+    client_calls.init_fails = true;
+    EXPECT_EQ(text_in_a_small_buffer(), "Unable to initialize \0"s + "234");
+    client_calls.init_fails = false;
+    panel::write_password_file("wrong\n");
+    EXPECT_EQ(text_in_a_small_buffer(), "Unable to connect to \0"s + "234");
+    panel::write_password_file("");
+    EXPECT_EQ(text_in_a_small_buffer(), "Unable to read admin \0"s + "234");
     std::filesystem::remove(panel::kPasswordPath);
-    char buffer[] = "0123456789";
-    EXPECT_EQ(quarx_db_connect(buffer, 7), nullptr);
-    EXPECT_EQ(std::string(buffer, 10), "Unable\0"s + "789");
+    EXPECT_EQ(text_in_a_small_buffer(), "Unable to open admin \0"s + "234");
+}
+
+TEST_F(QuarxDb, a_text_without_an_error_number_is_cut_to_the_buffer) {
+    client_calls.query_fails_silently = true;
+    char buffer[] = "0123456789012345678901234567890123456789";
+    const MysqlConnection connection{quarx_db_connect_ex(buffer, 22)};
+    EXPECT_EQ(std::string(buffer, 25), "DB error (set names q\0"s + "234");
 }
 
 TEST_F(QuarxDbFailure, a_buffer_of_no_size_is_left_alone) {
@@ -300,12 +321,16 @@ TEST_F(QuarxDb, a_failed_set_names_closes_the_connection) {
     EXPECT_EQ(client_calls.closes, 2);
 }
 
-// Without an error number there is nothing to judge by, so the connection is kept.
+// Without an error number there is nothing to judge by, so the connection is returned. What the
+// server made of the statement nobody knows either, so no further one gets an answer.
 TEST_F(QuarxDb, a_set_names_that_fails_without_an_error) {
     client_calls.query_fails_silently = true;
     EXPECT_NE(connect(quarx_db_connect_ex), nullptr);
     EXPECT_EQ(error_, "DB error (set names query): unknown error");
-    EXPECT_NE(connect(quarx_db_connect), nullptr);
+    const MysqlConnection connection = connect(quarx_db_connect);
+    ASSERT_NE(connection, nullptr);
+    client_calls.query_fails_silently = false;
+    EXPECT_NE(mysql_query(connection.get(), "select 1"), 0);
 }
 
 // --- db_connect ---

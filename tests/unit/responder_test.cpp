@@ -4,6 +4,7 @@
 
 #include "autoresponder/mail_content.h"
 #include "support/isolated.h"
+#include "support/operator_new.h"
 #include "support/panel.h"
 #include "support/spawned.h"
 
@@ -17,35 +18,12 @@
 #include <stdexcept>
 #include <unistd.h>
 
-// Memory of the program's own that runs out: malloc(3) for one size, operator new from one size on,
-// which throws what nobody expects of it where a case asks for that.
-namespace {
-size_t refused_malloc = 0;
-size_t refused_new = SIZE_MAX;
-bool refusal_is_a_logic_error = false;
-} // namespace
+// malloc(3) of one size that finds no memory.
+static size_t refused_malloc = 0;
 
 extern "C" void* __real_malloc(size_t size);
 extern "C" void* __wrap_malloc(size_t size) {
     return size == refused_malloc ? nullptr : __real_malloc(size);
-}
-
-// Not inlined: g++ would see malloc there and take the pair for a mismatch.
-[[gnu::noinline]] void* operator new(size_t size) {
-    void* memory = size < refused_new ? std::malloc(size) : nullptr;
-    if (memory == nullptr) {
-        if (refusal_is_a_logic_error)
-            throw std::logic_error("refused");
-        errno = ENOMEM;
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept {
-    std::free(memory);
 }
 
 namespace {
@@ -130,7 +108,7 @@ protected:
     // The run ends so when no memory is to be had for a text of megabytes.
     void expect_exhausted_memory() {
         const isolated::Outcome outcome = isolated::run([&] {
-            refused_new = 1000000;
+            operator_new.refused_size = 1000000;
             db_mail_act(&content);
             return std::string();
         });
@@ -333,8 +311,8 @@ TEST_F(ResponderTest, ExceptionOfAnotherTypeIsNotCaught) {
     have_responder("resp_on='true', text=repeat('x', 3000000)");
     write_file(mail_file_name, "message");
     const isolated::Outcome outcome = isolated::run([&] {
-        refused_new = 1000000;
-        refusal_is_a_logic_error = true;
+        operator_new.refused_size = 1000000;
+        operator_new.refusal_is_a_logic_error = true;
         db_mail_act(&content);
         return std::string();
     });

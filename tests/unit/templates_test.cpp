@@ -1,5 +1,6 @@
 #include "autoresponder/templates.h"
 
+#include "support/operator_new.h"
 #include "tests/twins/templates_twin.h"
 #include "tests/twins/text_random.h"
 
@@ -353,6 +354,19 @@ TEST(TemplReplace, AgreesWithItsTwin) {
     }
 }
 
+TEST(TemplReplace, AllocatesNothing) {
+    const std::string name(32, 'n');
+    const std::string source = "before <" + name + "> between <unknown> after";
+    const std::string value(500, 'v');
+    const par_templ table[] = {{name.c_str(), value.c_str()}};
+    char text[999];
+    repl_ctl ctl{0, 0, kStrict, 0};
+    const size_t before = operator_new.calls;
+    templ_replace('<', '>', table, 1, source.c_str(), text, sizeof text, &ctl);
+    EXPECT_EQ(operator_new.calls, before);
+    EXPECT_EQ(std::string(text, ctl.written), "before " + value + " between <unknown> after");
+}
+
 // ---- templ_found
 
 TEST(TemplFound, NothingIsFoundWithoutATableOrAName) {
@@ -390,6 +404,16 @@ TEST(TemplFound, EveryNameAndEveryGapOfTablesOfAnySize) {
     }
 }
 
+TEST(TemplFound, OfEqualNamesTheOneInTheMiddle) {
+    const par_templ table[] = {{"a", "1"}, {"b", "2"}, {"b", "3"}, {"b", "4"}, {"c", "5"}};
+    EXPECT_EQ(templ_found("b", table, 5), 2);
+}
+
+TEST(TemplFound, ANameOutOfItsOrderIsNotFound) {
+    const par_templ table[] = {{"z", "1"}, {"b", "2"}, {"c", "3"}};
+    EXPECT_EQ(templ_found("z", table, 3), -1);
+}
+
 TEST(TemplFound, BytesOfTheUpperHalfComeLast) {
     const par_templ table[] = {{"a", "1"}, {"z", "2"}, {"\xc3\xbc", "3"}};
     EXPECT_EQ(templ_found("\xc3\xbc", table, 3), 2);
@@ -407,6 +431,16 @@ TEST(TemplQuickSort, SortsWholeEntriesByTheirNames) {
         EXPECT_EQ(table[i].name, wanted[i].first);
         EXPECT_STREQ(table[i].value, wanted[i].second);
     }
+}
+
+// Worked out by hand: the middle entry is the pivot, and equal names change places too.
+TEST(TemplQuickSort, OrderOfEqualNamesIsThatOfThePartition) {
+    par_templ table[] = {{"b", "1"}, {"a", "2"}, {"c", "3"}, {"a", "4"}, {"b", "5"}};
+    templ_quick_sort(table, 5);
+    std::string values;
+    for (const par_templ& entry : table)
+        values += entry.value;
+    EXPECT_EQ(values, "42153");
 }
 
 TEST(TemplQuickSort, LeavesEmptyTablesAlone) {

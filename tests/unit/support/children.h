@@ -2,6 +2,7 @@
 
 // What the tests of lib/util/fork_exec.h share; for the bodies of isolated::run.
 
+#include <functional>
 #include <initializer_list>
 #include <string>
 #include <vector>
@@ -43,6 +44,10 @@ std::string take(char* text);
 
 // Lets the process have no descriptor more than it has.
 void exhaust_descriptors();
+
+// How many bytes more are allocated after some further calls than after the first, which may leave
+// buffers of the C library behind; mallinfo2(3). Always 0 where a sanitizer brings the allocator.
+long kept_by_calls(const std::function<void()>& call);
 
 // Compares a process before and after: the descriptors that are open, and children not waited for.
 class Leftovers {
