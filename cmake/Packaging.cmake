@@ -24,7 +24,7 @@ qrx_compressed(doc/qrx.conf.5 configuration_page)
 install(FILES "${program_page}" DESTINATION "${CMAKE_INSTALL_MANDIR}/man8" COMPONENT program)
 install(FILES "${configuration_page}" DESTINATION "${CMAKE_INSTALL_MANDIR}/man5" COMPONENT program)
 
-# For the packages alone, as EXCLUDE_FROM_ALL says: a plain "cmake --install" leaves them out.
+# As EXCLUDE_FROM_ALL says, a plain "cmake --install", which names no component, leaves them out.
 qrx_compressed(packaging/changelog changelog)
 set(documents "${CMAKE_INSTALL_DATAROOTDIR}/doc")
 install(FILES packaging/copyright packaging/README.Debian doc/operating.md "${changelog}"
@@ -68,18 +68,10 @@ customer wants it.
 It works with every mail system that can pipe a message into a command and
 that has a sendmail command, such as qmail, Postfix and Exim.]])
 
-# Libraries that the program is linked with as archives are named with their versions where their licence
-# wants the source to be kept: Policy 7.8. CPack has no variable for the field, so it goes in behind
-# another one.
+# CPack has no variable for the field Built-Using, so it goes in behind another one.
 if(QRX_CLIENT STREQUAL "static")
-    execute_process(
-        COMMAND dpkg-query -W -f "\${source:Package} (= \${source:Version}), " libidn-dev libmariadb-dev
-        OUTPUT_VARIABLE built_using RESULT_VARIABLE failure)
-    if(failure)
-        message(WARNING "A package of this build would lack its field Built-Using: dpkg-query: ${failure}")
-    else()
-        string(REGEX REPLACE ", $" "" built_using "${built_using}")
-        string(APPEND CPACK_DEBIAN_PROGRAM_PACKAGE_SECTION "\nBuilt-Using: ${built_using}")
+    if(QRX_SOURCES_INSIDE)
+        string(APPEND CPACK_DEBIAN_PROGRAM_PACKAGE_SECTION "\nBuilt-Using: ${QRX_SOURCES_INSIDE}")
     endif()
     install(FILES packaging/autoresponder.lintian-overrides RENAME autoresponder
         DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides"

@@ -2,6 +2,7 @@
 
 import pathlib
 import re
+import shutil
 import subprocess
 
 import guide
@@ -105,10 +106,10 @@ class Tables(SystemTest):
 class Qmail(SystemTest):
     """The line of the guide, run as qmail-local does; see qmail-command(8)."""
 
-    def run_line(self, **variables):
+    def run_line(self, program=sandbox.PROGRAM, **variables):
         line = guide.block("qmail").rstrip("\n")
         self.assertEqual(line[0], "|")
-        command = line[1:].replace("/usr/sbin/autoresponder", sandbox.PROGRAM)
+        command = line[1:].replace("/usr/sbin/autoresponder", program)
         environment = {"PATH": "/usr/bin:/bin", "HOST": "example.com", "LOCAL": "1-info", "EXT": "info",
                        "RECIPIENT": "1-info@example.com", "SENDER": "sam@sender.example", **variables}
         return subprocess.run(["/bin/sh", "-c", command], input=MESSAGE, env=environment, capture_output=True,
@@ -128,6 +129,20 @@ class Qmail(SystemTest):
     def test_hands_an_address_over_whatever_it_is_made_of(self):
         odd = "a $(exit 7) 'b\" ;c"
         self.assertIn(f"Mailname not found: {odd}@example.com".encode(), self.run_line(EXT=odd).stderr)
+
+    def test_goes_on_without_an_answer_when_it_is_stopped(self):
+        self.furnish()
+        program = pathlib.Path("/usr/sbin/autoresponder")
+        program.unlink(missing_ok=True)
+        self.addCleanup(program.unlink)
+        shutil.copy(sandbox.PROGRAM, program)
+        self.run_line(program=str(program))
+        self.assertEqual(len(self.mails()), 1)
+        guide.run_block("qmail-stop")
+        result = self.run_line(program=str(program))
+        self.assertEqual((result.returncode, result.stdout), (0, b""))
+        self.assertIn(b"Permission denied", result.stderr)
+        self.assertEqual(len(self.mails()), 1)
 
     def test_ends_with_0_when_the_program_ends_with_1(self):
         self.furnish(charset="no-such-charset")

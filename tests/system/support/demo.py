@@ -53,7 +53,8 @@ autoresponder              the program itself: the message on standard
                            input, the address in RESP_RECIPIENT
 {SAMPLE}        the sample message
 help                       this list
-exit                       leave; everything in here is gone then"""
+exit                       leave; everything in here is gone then
+Your files in /tmp, /run, /etc/qrx and /var are not to be seen in here."""
 SHELL_FILE = f"""\
 PS1='sandbox:\\w\\$ '
 unset HISTFILE
