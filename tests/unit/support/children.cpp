@@ -37,16 +37,6 @@ int file_with(const std::string& content, bool inherited) {
     return fd;
 }
 
-std::string content_of(int fd) {
-    std::string text;
-    char piece[4096];
-    lseek(fd, 0, SEEK_SET);
-    for (ssize_t length; (length = read(fd, piece, sizeof piece)) > 0;)
-        text.append(piece, static_cast<size_t>(length));
-    close(fd);
-    return text;
-}
-
 std::string take(char* text) {
     const std::string copy = text ? text : "(null)";
     std::free(text);

@@ -2,6 +2,8 @@
 
 // What the tests of lib/util/fork_exec.h share; for the bodies of isolated::run.
 
+#include "isolated.h"
+
 #include <functional>
 #include <initializer_list>
 #include <string>
@@ -36,8 +38,7 @@ int wait_for(int pid);
 // An open file with this content, at its start; close-on-exec unless it is inherited.
 int file_with(const std::string& content, bool inherited = false);
 
-// The whole content of an open file, which is closed.
-std::string content_of(int fd);
+using isolated::content_of;
 
 // Reads and frees a text that came through a char**; "(null)" for a null one.
 std::string take(char* text);

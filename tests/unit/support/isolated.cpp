@@ -24,16 +24,6 @@ int memory_file(const char* name) {
     return fd;
 }
 
-std::string take(int fd) {
-    std::string text;
-    char piece[65536];
-    lseek(fd, 0, SEEK_SET);
-    for (ssize_t length; (length = read(fd, piece, sizeof piece)) > 0;)
-        text.append(piece, static_cast<size_t>(length));
-    close(fd);
-    return text;
-}
-
 // An exception from the body ends the process by SIGABRT.
 [[noreturn]] void run_body(const std::function<std::string()>& body, int out, int err,
                            int result) noexcept {
@@ -53,6 +43,16 @@ std::string take(int fd) {
 
 } // namespace
 
+std::string content_of(int fd) {
+    std::string text;
+    char piece[65536];
+    lseek(fd, 0, SEEK_SET);
+    for (ssize_t length; (length = read(fd, piece, sizeof piece)) > 0;)
+        text.append(piece, static_cast<size_t>(length));
+    close(fd);
+    return text;
+}
+
 Outcome run(const std::function<std::string()>& body) {
     const int out = memory_file("out");
     const int err = memory_file("err");
@@ -67,7 +67,8 @@ Outcome run(const std::function<std::string()>& body) {
         std::abort();
     }
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1,
-            WIFSIGNALED(status) ? WTERMSIG(status) : 0, take(out), take(err), take(result)};
+            WIFSIGNALED(status) ? WTERMSIG(status) : 0, content_of(out), content_of(err),
+            content_of(result)};
 }
 
 std::string describe(const Outcome& outcome) {

@@ -24,6 +24,9 @@ Outcome run(const std::function<std::string()>& body);
 
 std::string describe(const Outcome& outcome);
 
+// The whole content of an open file, which is closed.
+std::string content_of(int fd);
+
 } // namespace isolated
 
 // Compares all that a body can show; a failure prints it whole.
