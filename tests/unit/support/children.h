@@ -47,7 +47,7 @@ std::string take(char* text);
 void exhaust_descriptors();
 
 // How many bytes more are allocated after some further calls than after the first, which may leave
-// buffers of the C library behind; mallinfo2(3). Always 0 where a sanitizer brings the allocator.
+// buffers of the C library behind; mallinfo2(3).
 long kept_by_calls(const std::function<void()>& call);
 
 // Compares a process before and after: the descriptors that are open, and children not waited for.
