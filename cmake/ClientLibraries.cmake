@@ -40,42 +40,25 @@ qrx_choose_library(quarx_client PkgConfig::LIBMARIADB
     "$<TARGET_OBJECTS:quarx_no_tls>;${QRX_MARIADB_ARCHIVE};${QRX_Z_ARCHIVE};${CMAKE_DL_LIBS}")
 qrx_choose_library(quarx_idn PkgConfig::LIBIDN "${QRX_IDN_ARCHIVE}")
 
-# The Debian source packages of all that is linked in, with their versions, as the field Built-Using names
-# them: Debian Policy Manual, 7.8. Empty with a warning where dpkg knows an archive of no package.
-function(qrx_find_sources result)
-    set(archives "${QRX_MARIADB_ARCHIVE}" "${QRX_Z_ARCHIVE}" "${QRX_IDN_ARCHIVE}")
-    foreach(name libstdc++.a libgcc.a)
-        execute_process(COMMAND "${CMAKE_CXX_COMPILER}" -print-file-name=${name}
-            OUTPUT_VARIABLE path OUTPUT_STRIP_TRAILING_WHITESPACE)
-        list(APPEND archives "${path}")
-    endforeach()
-    foreach(archive IN LISTS archives)
-        file(REAL_PATH "${archive}" path)
-        execute_process(COMMAND dpkg-query -S "${path}" OUTPUT_VARIABLE owner)
-        string(REGEX REPLACE ": .*" "" package "${owner}")
-        execute_process(COMMAND dpkg-query -W -f "\${source:Package} (= \${source:Version})" "${package}"
-            OUTPUT_VARIABLE source RESULT_VARIABLE failure)
-        if(failure)
-            message(WARNING "dpkg knows no package of ${path}: a package of this build would lack its field Built-Using")
-            return()
-        endif()
-        list(APPEND sources "${source}")
-    endforeach()
-    list(REMOVE_DUPLICATES sources)
-    list(SORT sources)
-    list(JOIN sources ", " sources)
-    set(${result} "${sources}" PARENT_SCOPE)
-endfunction()
-qrx_find_sources(QRX_SOURCES_INSIDE)
+# All that is linked in, the compiler's run-time libraries included.
+set(QRX_ARCHIVE_PATHS "${QRX_MARIADB_ARCHIVE}" "${QRX_Z_ARCHIVE}" "${QRX_IDN_ARCHIVE}")
+foreach(name libstdc++.a libgcc.a)
+    execute_process(COMMAND "${CMAKE_CXX_COMPILER}" -print-file-name=${name}
+        OUTPUT_VARIABLE path OUTPUT_STRIP_TRAILING_WHITESPACE)
+    list(APPEND QRX_ARCHIVE_PATHS "${path}")
+endforeach()
 
-# An archive has the time that its package gave it, which may lie before the last link: what is linked
-# depends on the versions too. A file that would not change keeps its own time.
-set(versions_inside "${PROJECT_BINARY_DIR}/versions-inside")
-file(CONFIGURE OUTPUT "${versions_inside}" CONTENT "@QRX_SOURCES_INSIDE@\n" @ONLY)
+# An archive and its headers have the times that their package gave them, which may lie before the last
+# build: this has everything built again when one of them has changed since the last configuring.
+foreach(path IN LISTS QRX_ARCHIVE_PATHS)
+    file(SHA256 "${path}" sum)
+    string(APPEND sums "${sum}")
+endforeach()
+string(SHA256 sums "${sums}")
+add_compile_definitions(QRX_ARCHIVE_SUMS=${sums})
 
 # qrx_link_archives(name): the executable needs no shared library but those of the C library.
 function(qrx_link_archives name)
     set_property(TARGET ${name} PROPERTY QRX_ARCHIVES ON)
-    set_property(TARGET ${name} APPEND PROPERTY LINK_DEPENDS "${versions_inside}")
     target_link_options(${name} PRIVATE -static-libstdc++ -static-libgcc)
 endfunction()

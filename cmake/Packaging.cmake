@@ -68,11 +68,38 @@ customer wants it.
 It works with every mail system that can pipe a message into a command and
 that has a sendmail command, such as qmail, Postfix and Exim.]])
 
-# CPack has no variable for the field Built-Using, so it goes in behind another one.
-if(QRX_CLIENT STREQUAL "static")
-    if(QRX_SOURCES_INSIDE)
-        string(APPEND CPACK_DEBIAN_PROGRAM_PACKAGE_SECTION "\nBuilt-Using: ${QRX_SOURCES_INSIDE}")
+# qrx_add_sources_field(field archive...): the control field with the source packages of the archives and
+# their versions. CPack has no variable for it, so it goes in behind another one.
+function(qrx_add_sources_field field)
+    foreach(archive IN LISTS ARGN)
+        file(REAL_PATH "${archive}" path)
+        execute_process(COMMAND dpkg-query -S "${path}" OUTPUT_VARIABLE owner)
+        string(REGEX REPLACE ": .*" "" package "${owner}")
+        execute_process(COMMAND dpkg-query -W -f "\${source:Package} (= \${source:Version})" "${package}"
+            OUTPUT_VARIABLE source RESULT_VARIABLE failure)
+        if(failure)
+            message(WARNING "dpkg knows no package of ${path}: the field ${field} will not name it")
+        else()
+            list(APPEND sources "${source}")
+        endif()
+    endforeach()
+    if(sources)
+        list(REMOVE_DUPLICATES sources)
+        list(SORT sources)
+        list(JOIN sources ", " sources)
+        set(CPACK_DEBIAN_PROGRAM_PACKAGE_SECTION "${CPACK_DEBIAN_PROGRAM_PACKAGE_SECTION}\n${field}: ${sources}"
+            PARENT_SCOPE)
     endif()
+endfunction()
+
+# Built-Using names what the licences want the source kept of (Policy 7.8), Static-Built-Using the rest
+# that is linked in (deb-control(5)).
+if(QRX_CLIENT STREQUAL "static")
+    set(kept "${QRX_MARIADB_ARCHIVE}" "${QRX_IDN_ARCHIVE}")
+    set(others ${QRX_ARCHIVE_PATHS})
+    list(REMOVE_ITEM others ${kept})
+    qrx_add_sources_field(Built-Using ${kept})
+    qrx_add_sources_field(Static-Built-Using ${others})
     install(FILES packaging/autoresponder.lintian-overrides RENAME autoresponder
         DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides"
         COMPONENT program EXCLUDE_FROM_ALL)

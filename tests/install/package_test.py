@@ -7,6 +7,7 @@ Arguments: the build folder, whose preset is release, and the compiler.
 
 import glob
 import gzip
+import json
 import os
 import pathlib
 import re
@@ -75,7 +76,7 @@ class Packages(unittest.TestCase):
         for above, line in zip(["", *lines], lines):
             if not line.startswith("#"):
                 self.assertTrue(above.startswith("#"), line)
-        if self.libraries_inside():
+        if self.libraries_inside()[0]:
             said = run("lintian", "--allow-root", "--show-overrides", "--fail-on", "none", PACKAGES["autoresponder"])
             for line in lines:
                 if not line.startswith("#"):
@@ -95,7 +96,7 @@ class Packages(unittest.TestCase):
             [path for mode, _, path in self.listing("autoresponder") if mode[0] != "d"],
             [PROGRAM, f"{documents}/README.Debian", f"{documents}/changelog.gz", f"{documents}/copyright",
              f"{documents}/examples/schema.sql", f"{documents}/operating.md",
-             *(["/usr/share/lintian/overrides/autoresponder"] if self.libraries_inside() else []),
+             *(["/usr/share/lintian/overrides/autoresponder"] if self.libraries_inside()[0] else []),
              "/usr/share/man/man5/qrx.conf.5.gz", "/usr/share/man/man8/autoresponder.8.gz"])
 
     def test_no_package_runs_anything_when_it_is_installed_or_removed(self):
@@ -105,25 +106,35 @@ class Packages(unittest.TestCase):
                 self.assertEqual(sorted(os.listdir(folder)), ["control", "md5sums"])
 
     def libraries_inside(self):
-        """The packages with the archives that the program was linked with: all of them or none."""
+        """The packages with the archives that the program was linked with: those that want their source kept, the others."""
         if "libmariadb.so" in run("objdump", "-p", BUILD / "autoresponder/autoresponder"):
-            return []
-        compiler = run("g++", "-dumpversion").strip()
-        return [f"libgcc-{compiler}-dev", f"libstdc++-{compiler}-dev", "libidn-dev", "libmariadb-dev", "zlib1g-dev"]
+            return [], []
+        runtime = [self.owner(os.path.realpath(run(COMPILER, f"-print-file-name={name}").strip()))
+                   for name in ("libstdc++.a", "libgcc.a")]
+        return ["libidn-dev", "libmariadb-dev"], [*runtime, "zlib1g-dev"]
 
     def test_libraries_inside_the_program_are_named(self):
-        versions = {run("dpkg-query", "-W", "-f", "${source:Package} (= ${source:Version})", package)
-                    for package in self.libraries_inside()}
-        self.assertEqual(self.field("autoresponder", "Built-Using"), ", ".join(sorted(versions)))
+        for field, packages in zip(("Built-Using", "Static-Built-Using"), self.libraries_inside()):
+            versions = {run("dpkg-query", "-W", "-f", "${source:Package} (= ${source:Version})", package)
+                        for package in packages}
+            self.assertEqual(self.field("autoresponder", field), ", ".join(sorted(versions)))
 
-    def test_another_version_of_a_library_has_the_program_linked_again(self):
-        """Also where the library's file is older than the program, as a package may bring it."""
-        if not self.libraries_inside():
+    def test_another_library_has_everything_built_again(self):
+        """Also where its file is older than the last build, as a package may bring it."""
+        if not self.libraries_inside()[0]:
             self.skipTest("this program is linked with shared libraries")
-        versions = BUILD / "versions-inside"
-        needs = run("ninja", "-C", BUILD, "-t", "query", "autoresponder/autoresponder")
-        self.assertIn(versions.name, needs)
-        self.assertEqual(versions.read_text().strip(), self.field("autoresponder", "Built-Using"))
+        with tempfile.TemporaryDirectory(dir=BUILD) as folder:
+            library = re.search(r"(?m)^QRX_IDN_ARCHIVE:\w+=(.*)$", (BUILD / "CMakeCache.txt").read_text())[1]
+            copy = pathlib.Path(folder, "libidn.a")
+            commands = []
+            for more in (b"", b"mended"):
+                copy.write_bytes(pathlib.Path(library).read_bytes() + more)
+                os.utime(copy, (0, 0))
+                run("cmake", "--preset", "release", "-B", folder, f"-DQRX_IDN_ARCHIVE={copy}", cwd=CHECKOUT)
+                commands.append(json.loads(pathlib.Path(folder, "compile_commands.json").read_text()))
+            self.assertTrue(commands[0])
+            for before, after in zip(*commands):
+                self.assertNotEqual(before["command"], after["command"])
 
     def test_every_library_that_the_program_needs_is_in_a_package_it_depends_on(self):
         needed = re.findall(r"NEEDED +(\S+)", run("objdump", "-p", BUILD / "autoresponder/autoresponder"))

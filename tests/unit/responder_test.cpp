@@ -14,8 +14,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <initializer_list>
-#include <new>
-#include <stdexcept>
 #include <unistd.h>
 
 // malloc(3) of one size that finds no memory.

@@ -354,7 +354,7 @@ TEST(TemplReplace, AgreesWithItsTwin) {
     }
 }
 
-TEST(TemplReplace, AllocatesNothing) {
+TEST(TemplReplace, CallsNoOperatorNew) {
     const std::string name(32, 'n');
     const std::string source = "before <" + name + "> between <unknown> after";
     const std::string value(500, 'v');
